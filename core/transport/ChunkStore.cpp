@@ -1,0 +1,109 @@
+#include "core/transport/ChunkStore.h"
+
+#include "core/support/AtomicFile.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <sys/statvfs.h>
+
+namespace kavelo {
+
+ChunkStore::ChunkStore(std::filesystem::path root) : root_(std::move(root)) {}
+
+std::string ChunkStore::safeRecordingId(const std::string& recordingId) {
+    std::string safe = recordingId;
+    std::replace(safe.begin(), safe.end(), '/', '_');
+    std::replace(safe.begin(), safe.end(), ':', '_');
+    return safe;
+}
+
+std::string ChunkStore::filename(int sequence) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%05d.aac", sequence);
+    return buf;
+}
+
+std::filesystem::path ChunkStore::chunkDirectory(const std::string& recordingId) const {
+    return root_ / "kavelo_chunks" / safeRecordingId(recordingId) / "chunks";
+}
+
+std::filesystem::path ChunkStore::chunkURL(const std::string& recordingId, int sequence) const {
+    return chunkDirectory(recordingId) / filename(sequence);
+}
+
+void ChunkStore::prepareDirectory(const std::string& recordingId) const {
+    // Audio of a meeting is private: every level we create is the user's alone.
+    createPrivateDirectories(chunkDirectory(recordingId), 0700);
+}
+
+long long ChunkStore::store(const std::string& recordingId, int sequence, const Bytes& data) {
+    std::lock_guard lock(mutex_);
+    prepareDirectory(recordingId);
+    writeFileAtomically(chunkURL(recordingId, sequence), data, 0600);
+    return static_cast<long long>(data.size());
+}
+
+std::optional<Bytes> ChunkStore::read(const std::string& recordingId, int sequence) const {
+    return readWholeFile(chunkURL(recordingId, sequence));
+}
+
+bool ChunkStore::exists(const std::string& recordingId, int sequence) const {
+    std::error_code ec;
+    return std::filesystem::symlink_status(chunkURL(recordingId, sequence), ec).type() !=
+               std::filesystem::file_type::not_found &&
+           !ec;
+}
+
+void ChunkStore::remove(const std::string& recordingId, int sequence) const {
+    std::error_code ec;
+    std::filesystem::remove(chunkURL(recordingId, sequence), ec);
+}
+
+std::vector<int> ChunkStore::storedSequences(const std::string& recordingId) const {
+    std::vector<int> sequences;
+    std::error_code ec;
+    std::filesystem::directory_iterator it(chunkDirectory(recordingId), ec);
+    if (ec) {
+        return sequences;
+    }
+    for (const auto& entry : it) {
+        std::string name = entry.path().filename().string();
+        if (name.size() <= 4 || !name.ends_with(".aac")) {
+            continue;
+        }
+        std::string_view digits(name.data(), name.size() - 4);
+        int value = 0;
+        auto [ptr, err] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        if (err != std::errc() || ptr != digits.data() + digits.size()) {
+            continue;
+        }
+        sequences.push_back(value);
+    }
+    std::sort(sequences.begin(), sequences.end());
+    return sequences;
+}
+
+void ChunkStore::removeAll(const std::string& recordingId) const {
+    std::error_code ec;
+    std::filesystem::remove_all(chunkDirectory(recordingId).parent_path(), ec);
+}
+
+std::optional<std::int64_t> ChunkStore::availableDiskBytes() const {
+    // The nearest existing ancestor answers for a store that has not been created yet.
+    std::filesystem::path probe = root_;
+    std::error_code ec;
+    while (!probe.empty() && !std::filesystem::exists(probe, ec)) {
+        if (probe == probe.parent_path()) {
+            break;
+        }
+        probe = probe.parent_path();
+    }
+    struct statvfs info {};
+    if (probe.empty() || ::statvfs(probe.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(info.f_bavail) * static_cast<std::int64_t>(info.f_frsize);
+}
+
+} // namespace kavelo

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "core/support/Bytes.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kavelo {
+
+// The numbered audio chunks of each recording on the local disk, between the moment the recorder cuts
+// them and the moment the server holds them. Layout: <root>/kavelo_chunks/<safe id>/chunks/00012.aac.
+// A chunk file holds exactly the bytes handed to store(). Directories and files are the user's alone.
+//
+// Thread-safety: any thread. Only store() takes the lock, so two stores never interleave; the atomic
+// write means a concurrent read sees the old or the new bytes, never half a file.
+class ChunkStore {
+  public:
+    explicit ChunkStore(std::filesystem::path root);
+
+    static std::string safeRecordingId(const std::string& recordingId);
+    static std::string filename(int sequence);
+
+    [[nodiscard]] std::filesystem::path chunkDirectory(const std::string& recordingId) const;
+    [[nodiscard]] std::filesystem::path chunkURL(const std::string& recordingId, int sequence) const;
+
+    // Throws std::filesystem::filesystem_error (or std::system_error) unchanged.
+    void prepareDirectory(const std::string& recordingId) const;
+    // Durable atomic write, replacing any file already there. Returns the number of bytes written.
+    long long store(const std::string& recordingId, int sequence, const Bytes& data);
+
+    [[nodiscard]] std::optional<Bytes> read(const std::string& recordingId, int sequence) const;
+    [[nodiscard]] bool exists(const std::string& recordingId, int sequence) const;
+    void remove(const std::string& recordingId, int sequence) const;
+    [[nodiscard]] std::vector<int> storedSequences(const std::string& recordingId) const;
+    void removeAll(const std::string& recordingId) const;
+    // Bytes available to an unprivileged user on the volume of root; absent when the volume cannot answer.
+    [[nodiscard]] std::optional<std::int64_t> availableDiskBytes() const;
+
+    [[nodiscard]] const std::filesystem::path& root() const { return root_; }
+
+  private:
+    const std::filesystem::path root_;
+    std::mutex mutex_;
+};
+
+} // namespace kavelo
