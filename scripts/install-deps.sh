@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages that building and testing Kavely needs, only those that are missing.
+# Runs unattended (CI has no standard input); needs root or sudo.
+set -euo pipefail
+
+packages=(
+    build-essential cmake ninja-build pkg-config git curl
+    libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libcpp-httplib-dev
+    libgtest-dev libgmock-dev googletest
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$p")
+    fi
+done
+if [ ${#missing[@]} -eq 0 ]; then
+    exit 0
+fi
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+    sudo="sudo"
+fi
+echo "Installing missing packages: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
