@@ -7,6 +7,7 @@ packages=(
     build-essential cmake ninja-build pkg-config git curl
     libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libcpp-httplib-dev
     libgtest-dev libgmock-dev googletest
+    libavcodec-dev libavutil-dev ffmpeg
 )
 
 missing=()
