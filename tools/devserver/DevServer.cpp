@@ -3,15 +3,19 @@
 #include "core/support/AtomicFile.h"
 #include "core/support/SystemClock.h"
 #include "tools/devserver/AdminRoutes.h"
+#include "tools/devserver/AuthRoutes.h"
 #include "tools/devserver/AuthStore.h"
 #include "tools/devserver/CallerAuth.h"
 #include "tools/devserver/DevServerContext.h"
 #include "tools/devserver/FaultInjector.h"
 #include "tools/devserver/HttpReply.h"
+#include "tools/devserver/OAuthRoutes.h"
 #include "tools/devserver/OAuthStore.h"
 #include "tools/devserver/ObjectStorage.h"
+#include "tools/devserver/RecordingFunctionRoutes.h"
 #include "tools/devserver/RecordingStore.h"
 #include "tools/devserver/RequestLog.h"
+#include "tools/devserver/RestRoutes.h"
 #include "tools/devserver/RouteRunner.h"
 #include "tools/devserver/ShutdownSignal.h"
 #include "tools/devserver/UploadRoutes.h"
@@ -73,11 +77,21 @@ DevServer::DevServer(DevServerOptions options, std::shared_ptr<Clock> clock)
         HttpReply::error(res, 500, "internal_error", "unexpected failure in kavelo-devserver");
     });
     server_->set_error_handler([](const httplib::Request&, httplib::Response& res) {
-        if (res.body.empty()) {
-            HttpReply::error(res, res.status, "not_found", "No such route");
+        if (!res.body.empty()) {
+            return;
+        }
+        if (res.status == 404) {
+            HttpReply::error(res, 404, "not_found", "No such route");
+        } else {
+            // Among others: a POST without Content-Length, which the HTTP library refuses before routing.
+            HttpReply::error(res, res.status, "bad_request", "The request could not be read");
         }
     });
     UploadRoutes::install(*server_, *context_);
+    RecordingFunctionRoutes::install(*server_, *context_);
+    OAuthRoutes::install(*server_, *context_);
+    AuthRoutes::install(*server_, *context_);
+    RestRoutes::install(*server_, *context_);
     AdminRoutes::install(*server_, *context_);
 }
 

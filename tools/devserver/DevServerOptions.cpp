@@ -85,6 +85,8 @@ DevServerOptions DevServerOptions::parse(const std::vector<std::string>& args) {
             }
         } else if (arg == "--require-email-confirmation") {
             options.autoConfirmSignUps = false;
+        } else if (arg == "--profiles-without-job-title") {
+            options.legacyProfiles = true;
         } else if (arg == "--oauth-callback-url") {
             options.oauthCallbackUrl = value();
         } else if (arg == "--fault") {
@@ -144,6 +146,7 @@ Options:
   --mapping-names A,B            the participants that mapping finds (default two sample names)
   --mapping-outcome STATUS       done, skipped or failed: the status mapping ends with (default done)
   --require-email-confirmation   sign-ups wait for a confirmation mail instead of signing in at once
+  --profiles-without-job-title   the older profiles table, without job_title and company
   --oauth-callback-url URL       where the pretend provider sends the browser (default kavely://auth-callback)
   --user EMAIL:PASSWORD          an account to create at start (repeatable)
   --fault ROUTE:SPEC             a fault rule (repeatable), see below

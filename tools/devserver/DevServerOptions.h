@@ -25,6 +25,7 @@ struct DevServerOptions {
     double accessTokenLifetime = 3600;
     double signedUrlLifetime = 7200;
     bool autoConfirmSignUps = true;
+    bool legacyProfiles = false; // the profiles table without job_title and company
     PipelineSettings pipeline;
     std::string oauthCallbackUrl = "kavely://auth-callback";
     std::vector<FaultRule> faults;

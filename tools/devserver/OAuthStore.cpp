@@ -101,7 +101,7 @@ std::string OAuthStore::createLinkToken(const std::string& existingUserId, const
     return token;
 }
 
-OAuthStore::Link OAuthStore::redeemLink(const std::string& token) {
+OAuthStore::Link OAuthStore::redeemLink(const std::string& token, const std::string& userId) {
     auto now = clock_->now();
     std::lock_guard lock(mutex_);
     auto it = links_.find(token);
@@ -111,6 +111,9 @@ OAuthStore::Link OAuthStore::redeemLink(const std::string& token) {
     auto link = it->second;
     if (now >= link.expiresAt) {
         return {Link::Kind::expired, link.existingUserId, link.newProvider};
+    }
+    if (link.existingUserId != userId) {
+        return {Link::Kind::wrongUser, link.existingUserId, link.newProvider};
     }
     links_.erase(it);
     return {Link::Kind::ok, link.existingUserId, link.newProvider};

@@ -28,7 +28,7 @@ class OAuthStore {
         Identity identity;
     };
     struct Link {
-        enum class Kind { ok, unknown, expired };
+        enum class Kind { ok, unknown, expired, wrongUser };
         Kind kind = Kind::unknown;
         std::string existingUserId;
         std::string newProvider;
@@ -49,7 +49,8 @@ class OAuthStore {
     // Returns the token; it expires at the time given through expiresAt.
     std::string createLinkToken(const std::string& existingUserId, const std::string& newProvider,
                                 TimePoint& expiresAt);
-    Link redeemLink(const std::string& token);
+    // Uses the token up only when it is good and userId is the account it links to.
+    Link redeemLink(const std::string& token, const std::string& userId);
 
     // base64url(SHA-256(verifier)) without padding: the S256 method.
     static std::string challengeOf(const std::string& codeVerifier);
