@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include <unistd.h>
 
@@ -149,6 +150,24 @@ struct CoordinatorWorld {
         coordinator->sessionDidSignIn();
         coordinator->startRecording(context());
         ASSERT_EQ(coordinator->phase(), RecordingPhase::recording);
+        ASSERT_TRUE(clock->waitForSleepers(2)); // the mock's chunk loop and the first-chunk watchdog
+    }
+
+    // Waits until exactly n tasks sleep on the clock and stay so for a few checks: the coordinator's tasks
+    // start asynchronously, and time must not move before they sleep. A rendezvous, not a delay.
+    void waitForSleepersExactly(std::size_t n) {
+        int stable = 0;
+        for (int i = 0; i < 5000 && stable < 3; ++i) {
+            stable = clock->sleeperCount() == n ? stable + 1 : 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        ASSERT_EQ(clock->sleeperCount(), n);
+    }
+
+    // A first chunk ends the watchdog, so that only the mock's chunk loop sleeps.
+    void deliverFirstChunk() {
+        coordinator->ingest(AudioChunkEvent{1, 64, false, 48000.0, 1});
+        waitForSleepersExactly(1);
     }
 
     std::vector<RecordingPhase> heardPhases() {
