@@ -8,6 +8,7 @@ packages=(
     libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libcpp-httplib-dev
     libgtest-dev libgmock-dev googletest
     libavcodec-dev libavutil-dev ffmpeg
+    libswresample-dev libpulse-dev libpipewire-0.3-dev pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber sox espeak-ng dbus
 )
 
 missing=()

@@ -17,6 +17,18 @@ namespace kavelo {
 class UploadWorker {
   public:
     using EventHandler = std::function<void(const NativeUploadEvent&)>;
+
+    // Limits of the queue, fixed at construction. Both counts are at least 1.
+    struct Config {
+        int urlBatchSize = 50;                   // signed URLs asked for in one fetch
+        int maxUploadAttempts = 15;              // attempts per chunk before it is parked
+        double uploadTimeout = 60;               // seconds, one upload request
+        double urlFetchAuthFailureBackoff = 120; // seconds without URL fetches after a 401 or 403
+        double urlFetchFailureBackoff = 30;      // seconds without URL fetches after any other failure
+        int maxParallelUploads = 4;              // chunks in flight at once
+        bool operator==(const Config&) const = default;
+    };
+
     virtual ~UploadWorker() = default;
 
     virtual void configure(const std::string& recordingId, const std::optional<std::string>& recordingSecret,
