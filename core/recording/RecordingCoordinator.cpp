@@ -8,7 +8,6 @@ namespace kavelo {
 
 namespace {
 
-
 const char* const kInitFallback = "Opname kon niet worden gestart.";
 const char* const kNativeStartFailed = "De opname kon niet native worden gestart.";
 

@@ -98,6 +98,10 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
         bool operator==(const RecoveryDecision&) const = default;
     };
 
+    // The answer of submitShare: a press that committed typed addresses, found a bad one, found no
+    // network, or started the send.
+    enum class SubmitOutcome { committedPendingInput, invalidPendingInput, offline, started };
+
     using PhaseObserver = std::function<void(RecordingPhase)>;
     using TickObserver = std::function<void()>;
 
@@ -173,6 +177,12 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
 
     // Share review; the mutation follows the same rule as updateSpeakers.
     void updateShare(const std::function<void(ShareComposer&)>& mutation);
+    // A first press commits what was typed; a press with nothing to commit runs the finalize pipeline to
+    // its end: wait until the server holds every chunk, ask for the report, then erase the recording here.
+    SubmitOutcome submitShare(bool isOnline);
+    // Only a stopped recording can be finalised again; otherwise the retry is refused and the error stays.
+    [[nodiscard]] bool canRetryFinalize() const;
+    void retryFinalize();
     void dismissToIdle();
 
     // After a sign-in: brings back a recording that a previous process left behind.
@@ -218,6 +228,8 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     std::function<SpeakerMappingService::Outcome()> longMappingPoll();
     std::function<SpeakerMappingService::Outcome()> onDemandMapping();
     void setProcessingLine(ProcessingLine line);
+    void runFinalizePipeline();
+    void finalizeVerifiedRecording(const std::string& recordingId, int last, const PreflightContext& context);
 
     PreflightContext recoveredContext(const AuthUser& user, const std::string& userName,
                                       const RecordingManifest& manifest) const;
@@ -262,6 +274,7 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     Task processingTask_;
     Task preverifyTask_;
     Task autoStopTask_;              // the stop that the maximum pause starts
+    Task finalizeHookTask_;          // tells the application of a finalized recording; nobody waits for it
     std::vector<Task> startedTasks_; // every task ever started and not yet finished, joined on teardown
     std::optional<StartBlocker> blocker_;
     std::optional<SuccessSummary> success_;

@@ -28,8 +28,16 @@ class ScriptedRecorder final : public NativeRecorder {
     std::atomic<bool> noMicrophones{false};
     std::atomic<bool> failStop{false};
     std::atomic<bool> failSwitch{false};
+    std::atomic<bool> stopAnswersBeyondTheLastChunk{false}; // a final chunk that is never reported
+    std::atomic<bool> holdBackFinalChunk{false};            // a final chunk reported only later
 
     void setEventHandlers(RecorderEventHandlers handlers) override {
+        auto onChunk = handlers.onAudioChunk;
+        handlers.onAudioChunk = [this, onChunk](const AudioChunkEvent& e) {
+            if (onChunk && !(e.isFinal && holdBackFinalChunk)) {
+                onChunk(e);
+            }
+        };
         inner_->setEventHandlers(std::move(handlers));
     }
     PermissionState checkMicrophonePermission() override { return inner_->checkMicrophonePermission(); }
@@ -50,7 +58,8 @@ class ScriptedRecorder final : public NativeRecorder {
         if (failStop) {
             throw RecorderError::notRecording();
         }
-        return inner_->stop();
+        int last = inner_->stop();
+        return stopAnswersBeyondTheLastChunk ? last + 1 : last;
     }
     void pause() override { inner_->pause(); }
     void resume() override { inner_->resume(); }
@@ -116,8 +125,7 @@ struct CoordinatorWorld {
         services.chunkStore = std::make_shared<ChunkStore>(dataDir);
         services.recoveryStore = recovery;
         services.mapping = std::make_shared<SpeakerMappingService>(api, clock);
-        services.finalizeService =
-            std::make_shared<FinalizeService>(api, clock, FinalizeService::Config{}, logger);
+        services.finalizeService = std::make_shared<FinalizeService>(api, clock, finalizeConfig, logger);
         services.diagnostics = diagnostics;
         services.clock = clock;
         services.logger = logger;
@@ -170,6 +178,28 @@ struct CoordinatorWorld {
         waitForSleepersExactly(1);
     }
 
+    // Waits (in real time, bounded) until a task of the coordinator has moved the phase.
+    void waitForPhase(RecordingPhase phase) {
+        for (int i = 0; i < 5000 && coordinator->phase() != phase; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        ASSERT_EQ(coordinator->phase(), phase);
+    }
+
+    // Records, stops, and lets the processing screen run its minimum: the mapping finds no meeting, so
+    // the speaker review opens after 2.3 seconds.
+    void reachSpeakerReview() {
+        startRecording();
+        deliverFirstChunk();
+        uploader->setUploaded({1});
+        coordinator->stopTapped();
+        coordinator->stopConfirmed();
+        ASSERT_EQ(coordinator->phase(), RecordingPhase::processingMapping);
+        waitForSleepersExactly(2); // the processing sequence and the reconciliation
+        clock->advance(2.3);
+        waitForPhase(RecordingPhase::speakerReview);
+    }
+
     std::vector<RecordingPhase> heardPhases() {
         std::lock_guard lock(phasesMutex);
         return phases;
@@ -200,6 +230,7 @@ struct CoordinatorWorld {
         .onFinalizeSuccess = {},
     };
     RecordingCoordinator::Timings timings;
+    FinalizeService::Config finalizeConfig;
     std::filesystem::path dataDir;
 
     std::shared_ptr<MockRecorder> mock;

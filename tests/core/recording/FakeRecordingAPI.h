@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/backend/APIError.h"
 #include "core/backend/RecordingAPI.h"
 
 #include <functional>
@@ -37,6 +38,9 @@ class FakeRecordingAPI final : public RecordingAPI {
     void finalizeRecording(const FinalizePayload& payload) override {
         std::lock_guard lock(mutex_);
         finalizes_.push_back(payload);
+        if (finalizeError) {
+            throw *finalizeError;
+        }
     }
     void diagnosticSync(const std::string& recordingId, const std::string& userId,
                         const DiagnosticsPayload& diagnostics) override {
@@ -54,7 +58,7 @@ class FakeRecordingAPI final : public RecordingAPI {
     EarlyMappingDispatch triggerEarlySpeakerMapping(const std::string&) override {
         std::lock_guard lock(mutex_);
         ++triggerCalls_;
-        return EarlyMappingDispatch{"queued", std::nullopt};
+        return EarlyMappingDispatch{"dispatched", std::nullopt};
     }
     MeetingMappingRow fetchMeetingMapping(const std::string&) override {
         std::lock_guard lock(mutex_);
@@ -67,6 +71,7 @@ class FakeRecordingAPI final : public RecordingAPI {
     std::optional<std::string> meetingId;
     MeetingMappingRow mappingRow;
     bool failSync = false;
+    std::optional<APIError> finalizeError;
 
     std::vector<InitRecordingRequest> inits() const {
         std::lock_guard lock(mutex_);
@@ -75,6 +80,10 @@ class FakeRecordingAPI final : public RecordingAPI {
     std::vector<Sync> syncs() const {
         std::lock_guard lock(mutex_);
         return syncs_;
+    }
+    std::vector<FinalizePayload> finalizes() const {
+        std::lock_guard lock(mutex_);
+        return finalizes_;
     }
     int listCalls() const {
         std::lock_guard lock(mutex_);
