@@ -209,7 +209,7 @@ TEST_F(UploadWorkerTest, AtMostFourInFlightAndTheNextStartsWhenOneEnds) {
     EXPECT_EQ(sequencesOf(http->held()), (std::set<int>{1, 3, 4, 5}));
 
     http->hold(false);
-    ASSERT_TRUE(events->waitFor(Kind::drained));
+    ASSERT_TRUE(events->waitFor(Kind::uploadGuardEnded));
     EXPECT_EQ(worker->uploadedSequences(), all);
     EXPECT_EQ(http->requests().size(), 10u);
     EXPECT_EQ(events->ofKind(Kind::drained).back().uploadedCount, 10);
@@ -236,7 +236,7 @@ TEST_F(UploadWorkerTest, AcksRequeueAndReEnqueueKeepTheQueueHonest) {
     EXPECT_EQ(worker->pendingSequences(), (std::vector<int>{1, 3}));
 
     http->hold(false);
-    ASSERT_TRUE(events->waitFor(Kind::drained));
+    ASSERT_TRUE(events->waitFor(Kind::uploadGuardEnded));
     EXPECT_EQ(sequencesOf(http->requests()), (std::set<int>{1, 3})) << "an acknowledged chunk is never sent";
     EXPECT_EQ(http->requests().size(), 2u);
     EXPECT_EQ(worker->uploadedSequences(), (std::vector<int>{1, 2, 3}));
