@@ -583,9 +583,10 @@ std::optional<std::string> LiveUploadWorker::Engine::signedURL(const Job& job,
     try {
         entries = urlProvider_->fetchSignedURLs(job.recordingId, recordingSecret, job.sequence,
                                                 config_.urlBatchSize);
-    } catch (const CancellationError&) {
-        throw;
     } catch (...) {
+        if (Task::isCurrentCancelled()) {
+            throw; // the worker is going; no pause and no report for that
+        }
         std::optional<int> status;
         try {
             throw;
