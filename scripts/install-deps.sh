@@ -8,6 +8,7 @@ packages=(
     libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libcpp-httplib-dev
     libgtest-dev libgmock-dev googletest
     libavcodec-dev libavutil-dev ffmpeg
+    libswresample-dev libpulse-dev libpipewire-0.3-dev pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber sox espeak-ng dbus
 )
 
 missing=()
@@ -26,5 +27,5 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "Installing missing packages: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
+$sudo apt-get -o DPkg::Lock::Timeout=900 update -qq
+$sudo apt-get -o DPkg::Lock::Timeout=900 install -y -qq --no-install-recommends "${missing[@]}" </dev/null

@@ -1,0 +1,112 @@
+#include "app/shell/EnvironmentSettings.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+namespace kavelo {
+
+namespace {
+
+std::optional<std::string> hostOf(const std::string& url) {
+    std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
+    if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
+        return std::nullopt;
+    }
+    char* host = nullptr;
+    if (curl_url_get(handle.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK || host == nullptr) {
+        return std::nullopt;
+    }
+    std::string result(host);
+    curl_free(host);
+    if (result.empty()) {
+        return std::nullopt;
+    }
+    return result;
+}
+
+} // namespace
+
+std::optional<std::string> EnvironmentSettings::normalizedBackendUrl(const std::string& value) {
+    std::string url = value.rfind("http", 0) == 0 ? value : "https://" + value;
+    if (!hostOf(url)) {
+        return std::nullopt;
+    }
+    while (!url.empty() && url.back() == '/') {
+        url.pop_back();
+    }
+    return url;
+}
+
+AppEnvironmentMode EnvironmentSettings::detectMode(const InfoDictionary& info, const EnvironmentReader& env) {
+    if (const auto forced = env("KAVELO_BACKEND")) {
+        if (*forced == "live") {
+            return AppEnvironmentMode::live;
+        }
+        if (*forced == "mock") {
+            return AppEnvironmentMode::mock;
+        }
+    }
+    const auto url = info.value("SUPABASE_URL");
+    if (!url || !normalizedBackendUrl(*url)) {
+        return AppEnvironmentMode::mock;
+    }
+    return info.value("SUPABASE_ANON_KEY") ? AppEnvironmentMode::live : AppEnvironmentMode::mock;
+}
+
+std::filesystem::path EnvironmentSettings::dataDirectory(AppEnvironmentMode mode,
+                                                         const EnvironmentReader& env) {
+    std::filesystem::path base;
+    if (const auto xdg = env("XDG_DATA_HOME"); xdg && !xdg->empty() && xdg->front() == '/') {
+        base = *xdg;
+    } else if (const auto home = env("HOME"); home && !home->empty()) {
+        base = std::filesystem::path(*home) / ".local" / "share";
+    } else {
+        std::error_code ec;
+        base = std::filesystem::temp_directory_path(ec);
+        if (ec) {
+            base = "/tmp";
+        }
+    }
+    base /= "Kavely";
+    if (mode == AppEnvironmentMode::mock) {
+        base /= "Mock";
+    }
+    return base;
+}
+
+AppConfig EnvironmentSettings::makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,
+                                          const std::filesystem::path& dataDirectory) {
+    AppConfig config;
+    config.appVersion = info.value("CFBundleShortVersionString").value_or("1.0.0");
+    config.buildNumber = info.value("CFBundleVersion").value_or("1");
+    config.applicationSupportDirectory = dataDirectory;
+
+    const auto rawUrl = info.value("SUPABASE_URL");
+    const auto url = rawUrl ? normalizedBackendUrl(*rawUrl) : std::nullopt;
+    const auto anonKey = info.value("SUPABASE_ANON_KEY");
+    if (mode == AppEnvironmentMode::live && url && anonKey) {
+        config.supabaseUrl = *url;
+        config.anonKey = *anonKey;
+        config.oauthClientType = info.value("KAVELO_OAUTH_CLIENT_TYPE").value_or("ios");
+        config.oauthCallbackScheme = info.value("KAVELO_OAUTH_CALLBACK_SCHEME").value_or("kavely");
+    } else {
+        config.supabaseUrl = kMockSupabaseUrl;
+        config.anonKey = kMockAnonKey;
+    }
+    return config;
+}
+
+bool EnvironmentSettings::usesMockServices(AppEnvironmentMode mode, const AppConfig& config) {
+    if (mode == AppEnvironmentMode::mock) {
+        return true;
+    }
+    const auto host = hostOf(config.supabaseUrl);
+    return !host || host->find("mock") != std::string::npos;
+}
+
+std::string EnvironmentSettings::sessionServiceName(AppEnvironmentMode mode) {
+    return mode == AppEnvironmentMode::live ? "com.kavely.mac.session" : "com.kavely.mac.session.mock";
+}
+
+} // namespace kavelo

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "app/shell/AppEnvironmentMode.h"
+#include "app/shell/InfoDictionary.h"
+#include "core/support/AppConfig.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace kavelo {
+
+// The decisions the composition root takes before it builds a single service: the mode, the data
+// directory and the configuration. Pure functions of the information dictionary and the environment,
+// so every rule can be checked without building the world.
+class EnvironmentSettings {
+  public:
+    static constexpr const char* kMockSupabaseUrl = "https://kavely-mock.invalid";
+    static constexpr const char* kMockAnonKey = "mock-anon-key"; // 13 characters, never a real key
+
+    static AppEnvironmentMode detectMode(const InfoDictionary& info, const EnvironmentReader& env);
+
+    // "https://" in front of a value that does not begin with "http"; absent when the result is no URL
+    // with a scheme and a host.
+    static std::optional<std::string> normalizedBackendUrl(const std::string& value);
+
+    // $XDG_DATA_HOME/Kavely (or ~/.local/share/Kavely), "Kavely/Mock" in mock mode; the temporary
+    // directory stands in when there is no home at all.
+    static std::filesystem::path dataDirectory(AppEnvironmentMode mode, const EnvironmentReader& env);
+
+    static AppConfig makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,
+                                const std::filesystem::path& dataDirectory);
+
+    // Mock services run in mock mode, and whenever the backend's host says it is a mock.
+    static bool usesMockServices(AppEnvironmentMode mode, const AppConfig& config);
+
+    // The Secret Service item that holds the session; the two worlds never share one.
+    static std::string sessionServiceName(AppEnvironmentMode mode);
+    static constexpr const char* kSessionAccount = "auth-session";
+};
+
+} // namespace kavelo

@@ -1,0 +1,105 @@
+#include "core/recording/RecordingEvent.h"
+
+namespace kavelo {
+
+std::string_view RecordingEvent::name() const {
+    switch (kind_) {
+    case Kind::signedIn:
+        return "signedIn";
+    case Kind::signedOut:
+        return "signedOut";
+    case Kind::updateRequiredDetected:
+        return "updateRequiredDetected";
+    case Kind::updateResolved:
+        return "updateResolved";
+    case Kind::startRequested:
+        return "startRequested";
+    case Kind::preflightFailedMicPermission:
+        return "preflightFailedMicPermission";
+    case Kind::preflightFailedSystemAudioPermission:
+        return "preflightFailedSystemAudioPermission";
+    case Kind::preflightFailedDeviceMissing:
+        return "preflightFailedDeviceMissing";
+    case Kind::preflightFailedDiskSpace:
+        return "preflightFailedDiskSpace";
+    case Kind::preflightPassed:
+        return "preflightPassed";
+    case Kind::permissionResolved:
+        return "permissionResolved";
+    case Kind::initFailed:
+        return "initFailed";
+    case Kind::initSucceeded:
+        return "initSucceeded";
+    case Kind::nativeStartSucceeded:
+        return "nativeStartSucceeded";
+    case Kind::nativeStartFailed:
+        return "nativeStartFailed";
+    case Kind::deviceWarning:
+        return "deviceWarning";
+    case Kind::deviceWarningCleared:
+        return "deviceWarningCleared";
+    case Kind::noAudioWarning:
+        return "noAudioWarning";
+    case Kind::audioReturned:
+        return "audioReturned";
+    case Kind::wentOffline:
+        return "wentOffline";
+    case Kind::backOnline:
+        return "backOnline";
+    case Kind::routeChanged:
+        return "routeChanged";
+    case Kind::routeSettled:
+        return "routeSettled";
+    case Kind::userPaused:
+        return "userPaused";
+    case Kind::userResumedRequested:
+        return "userResumedRequested";
+    case Kind::resumeSucceeded:
+        return "resumeSucceeded";
+    case Kind::resumeFailedTerminal:
+        return "resumeFailedTerminal";
+    case Kind::systemInterrupted:
+        return "systemInterrupted";
+    case Kind::interruptionEnded:
+        return "interruptionEnded";
+    case Kind::stopTapped:
+        return "stopTapped";
+    case Kind::stopCancelled:
+        return "stopCancelled";
+    case Kind::stopConfirmed:
+        return "stopConfirmed";
+    case Kind::stopWhilePaused:
+        return "stopWhilePaused";
+    case Kind::nativeStopped:
+        return "nativeStopped";
+    case Kind::processingFinished:
+        return "processingFinished";
+    case Kind::speakersConfirmed:
+        return "speakersConfirmed";
+    case Kind::backToSpeakers:
+        return "backToSpeakers";
+    case Kind::shareSubmitted:
+        return "shareSubmitted";
+    case Kind::allChunksOnServer:
+        return "allChunksOnServer";
+    case Kind::uploadsIncomplete:
+        return "uploadsIncomplete";
+    case Kind::finalizeSucceeded:
+        return "finalizeSucceeded";
+    case Kind::finalizeFailed:
+        return "finalizeFailed";
+    case Kind::retryRequested:
+        return "retryRequested";
+    case Kind::dismissed:
+        return "dismissed";
+    case Kind::fatalError:
+        return "fatalError";
+    case Kind::recoveredActiveRecording:
+        return "recoveredActiveRecording";
+    case Kind::recoveredStoppedRecording:
+        return "recoveredStoppedRecording";
+    }
+    return "unknown";
+}
+
+} // namespace kavelo
