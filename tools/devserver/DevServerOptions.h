@@ -1,0 +1,44 @@
+#pragma once
+
+#include "tools/devserver/FaultRule.h"
+#include "tools/devserver/RecordingStore.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kavelo {
+
+// Everything kavelo-devserver can be told at start. The same values can be changed while it runs, through
+// the admin API, except the port and the data directory.
+struct DevServerOptions {
+    struct SeedUser {
+        std::string email;
+        std::string password;
+        bool operator==(const SeedUser&) const = default;
+    };
+
+    int port = 0; // 0: an ephemeral port, printed on the first line
+    std::filesystem::path dataDirectory;
+    std::string anonKey = "dev-anon-key";
+    double accessTokenLifetime = 3600;
+    double signedUrlLifetime = 7200;
+    bool autoConfirmSignUps = true;
+    bool legacyProfiles = false; // the profiles table without job_title and company
+    PipelineSettings pipeline;
+    std::string oauthCallbackUrl = "kavely://auth-callback";
+    std::vector<FaultRule> faults;
+    std::uint64_t faultSeed = 1;
+    std::vector<SeedUser> users;
+    bool logRequests = false;
+    bool showHelp = false;
+
+    bool operator==(const DevServerOptions&) const = default;
+
+    // Throws std::invalid_argument naming the offending argument.
+    static DevServerOptions parse(const std::vector<std::string>& args);
+    static std::string helpText();
+};
+
+} // namespace kavelo
