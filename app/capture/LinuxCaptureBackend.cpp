@@ -1,5 +1,7 @@
 #include "app/capture/LinuxCaptureBackend.h"
 
+#include "app/capture/AggregateCaptureEngine.h"
+#include "app/capture/PipeWireAggregateDevice.h"
 #include "app/capture/PulseCaptureStream.h"
 #include "app/capture/PulseConnection.h"
 #include "app/capture/PulseServerSnapshot.h"

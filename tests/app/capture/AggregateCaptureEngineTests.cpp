@@ -108,9 +108,7 @@ class EngineFixture : public ::testing::Test {
             std::count_if(logs.begin(), logs.end(), [&](const auto& l) { return l.rfind(prefix, 0) == 0; }));
     }
     void TearDown() override {
-        if (engine) {
-            engine->stop();
-        }
+        engine.reset(); // before the fields its log and handlers write to
     }
 
     std::shared_ptr<FakeAggregateDevice> device = std::make_shared<FakeAggregateDevice>();
