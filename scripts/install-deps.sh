@@ -9,6 +9,7 @@ packages=(
     libgtest-dev libgmock-dev googletest
     libavcodec-dev libavutil-dev ffmpeg
     libswresample-dev libpulse-dev libpipewire-0.3-dev pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber sox espeak-ng dbus
+    libsecret-1-dev gnome-keyring dbus-x11 libsecret-tools libglib2.0-bin
 )
 
 missing=()

@@ -2,6 +2,7 @@
 
 #include "core/backend/APIError.h"
 #include "core/backend/PrintedForm.h"
+#include "core/support/UnicodeText.h"
 
 #include <algorithm>
 #include <set>
@@ -169,6 +170,33 @@ FinalizeService::WaitResult FinalizeService::waitForServerChunks(const std::stri
             return WaitResult::aborted();
         }
     }
+}
+
+FinalizePayload FinalizeService::buildPayload(const FinalizeInput& input) {
+    FinalizePayload payload;
+    payload.recordingId = input.recordingId;
+    payload.userId = input.user.id;
+    payload.userEmail = input.user.email;
+    payload.userName = input.userName;
+    if (input.meetingName) {
+        auto trimmed = UnicodeText::trimBlanksAndNewlines(*input.meetingName);
+        if (!trimmed.empty()) {
+            payload.meetingName = std::move(trimmed);
+        }
+    }
+    payload.recipients = input.share.recipientsPayload();
+    payload.participants = input.speakers.participantsPayload();
+    payload.uploadMode = input.uploadMode;
+    payload.includeTranscription = input.share.includeTranscription;
+    payload.attachmentWord = input.share.attachmentWord;
+    if (auto count = input.speakers.speakerCountPayload()) {
+        payload.speakerCount = count->count;
+        payload.speakerCountMode = count->mode;
+    }
+    payload.outputLanguage = input.outputLanguage;
+    payload.diagnostics = input.diagnostics;
+    payload.promptTemplateId = input.selectedTemplateId;
+    return payload;
 }
 
 void FinalizeService::finalize(const FinalizePayload& payload) {

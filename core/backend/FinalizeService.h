@@ -1,12 +1,16 @@
 #pragma once
 
+#include "core/accounts/AuthUser.h"
 #include "core/backend/RecordingAPI.h"
+#include "core/recording/ShareComposer.h"
+#include "core/recording/SpeakerListModel.h"
 #include "core/support/Clock.h"
 #include "core/support/CoreLogger.h"
 
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -72,6 +76,20 @@ class FinalizeService {
         std::string text_;
     };
 
+    // Everything that goes into the finalize request.
+    struct FinalizeInput {
+        std::string recordingId;
+        AuthUser user;
+        std::string userName;
+        std::optional<std::string> meetingName;
+        ShareComposer share;
+        SpeakerListModel speakers;
+        std::string outputLanguage;
+        std::string uploadMode;
+        std::optional<std::string> selectedTemplateId;
+        DiagnosticsPayload diagnostics;
+    };
+
     using LocalProgress = std::function<LocalUploadSnapshot()>;
     using SequencesCallback = std::function<void(const std::vector<int>&)>;
 
@@ -91,6 +109,9 @@ class FinalizeService {
     WaitResult waitForServerChunks(const std::string& recordingId, int lastSequence,
                                    const LocalProgress& localProgress, const SequencesCallback& onServerAck,
                                    const SequencesCallback& kick);
+
+    // Turns what the user reviewed into the request body. Pure.
+    [[nodiscard]] static FinalizePayload buildPayload(const FinalizeInput& input);
 
     // Sends the request exactly once; retrying is the caller's decision. Throws FinalizeError offline for no
     // answer, FinalizeError backend for any other APIError, and anything else unchanged.

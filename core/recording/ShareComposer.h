@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/backend/RecordingAPI.h"
+#include "core/backend/FinalizeRecipient.h"
 
 #include <cstddef>
 #include <optional>

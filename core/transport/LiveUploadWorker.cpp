@@ -2,10 +2,16 @@
 
 #include "core/backend/APIError.h"
 #include "core/backend/Backoff.h"
+#include "core/support/Task.h"
+#include "core/support/Time.h"
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <future>
+#include <map>
+#include <mutex>
+#include <set>
 
 namespace kavelo {
 
@@ -16,11 +22,20 @@ constexpr const char* kFallbackRoute = "jwt_fallback";
 constexpr const char* kNoRoute = "No signed URL available and JWT fallback not configured";
 constexpr const char* kFileMissing = "Chunk file missing before upload";
 
-// Completion signals of the children of one drain, so the loop can wait for whichever ends first.
-struct ChildSignals {
+// Wakes a drain loop when one of its uploads ends or when new work was queued while it ran.
+struct DrainSignals {
     std::mutex mutex;
     std::condition_variable cv;
-    int finished = 0; // guarded by mutex
+    int finished = 0;   // guarded by mutex
+    bool poked = false; // guarded by mutex
+
+    void poke() {
+        {
+            std::lock_guard lock(mutex);
+            poked = true;
+        }
+        cv.notify_all();
+    }
 };
 
 // Keeps the identifier as it came, "/" and ":" included, and escapes only what cannot stand in a path.
@@ -65,43 +80,117 @@ bool accepted(int status) {
 
 } // namespace
 
-std::shared_ptr<LiveUploadWorker>
-LiveUploadWorker::create(std::shared_ptr<ChunkStore> chunkStore, std::shared_ptr<HTTPClient> http,
-                         std::shared_ptr<SignedURLProvider> urlProvider, std::shared_ptr<Clock> clock,
-                         std::shared_ptr<CoreLogger> logger, Config config) {
-    return std::make_shared<LiveUploadWorker>(Private{}, std::move(chunkStore), std::move(http),
-                                              std::move(urlProvider), std::move(clock), std::move(logger),
-                                              config);
-}
+class LiveUploadWorker::Engine : public std::enable_shared_from_this<LiveUploadWorker::Engine> {
+  public:
+    Engine(std::shared_ptr<ChunkStore> chunkStore, std::shared_ptr<HTTPClient> http,
+           std::shared_ptr<SignedURLProvider> urlProvider, std::shared_ptr<Clock> clock,
+           std::shared_ptr<CoreLogger> logger, Config config)
+        : chunkStore_(std::move(chunkStore)), http_(std::move(http)), urlProvider_(std::move(urlProvider)),
+          clock_(std::move(clock)), logger_(std::move(logger)), config_(config) {}
 
-LiveUploadWorker::LiveUploadWorker(Private, std::shared_ptr<ChunkStore> chunkStore,
-                                   std::shared_ptr<HTTPClient> http,
-                                   std::shared_ptr<SignedURLProvider> urlProvider,
-                                   std::shared_ptr<Clock> clock, std::shared_ptr<CoreLogger> logger,
-                                   Config config)
-    : chunkStore_(std::move(chunkStore)), http_(std::move(http)), urlProvider_(std::move(urlProvider)),
-      clock_(std::move(clock)), logger_(std::move(logger)), config_(config) {}
+    void shutDown();
+    void configure(const std::string& recordingId, const std::optional<std::string>& recordingSecret,
+                   const std::string& supabaseUrl, const std::string& anonKey,
+                   const std::optional<std::string>& authToken);
+    void enqueue(const Bytes& data, int sequence, bool isFinal);
+    void scheduleDrain();
+    void acceptServerAcks(const std::vector<int>& sequences);
+    void requeue(const std::vector<int>& sequences);
+    void retryFailed();
+    void updateAuthToken(const std::optional<std::string>& token);
+    std::vector<int> uploadedSequences() const;
+    std::vector<int> pendingSequences() const;
+    std::vector<FailedChunk> failedChunks() const;
+    void setOnEvent(EventHandler handler);
+    int lastSequence() const;
+    bool isIdle() const;
+    bool signedUrlEnabled() const;
+    bool jwtFallbackEnabled() const;
 
-LiveUploadWorker::~LiveUploadWorker() {
+  private:
+    // One attempt's answer: the status and the route that carried it.
+    struct AttemptResult {
+        int statusCode = 0;
+        std::string route;
+    };
+    // No route could take the chunk on this attempt.
+    struct UploadRouteUnavailable {
+        std::string reason;
+    };
+    // The worker was configured for another recording while this upload ran.
+    struct Superseded {};
+    // What one upload needs of the queue, taken under the same hold of the lock as the sequence.
+    struct Job {
+        int sequence = 0;
+        std::string recordingId;
+        std::uint64_t generation = 0;
+    };
+
+    static void drainLoop(const std::weak_ptr<Engine>& weak, std::uint64_t generation,
+                          const std::shared_ptr<DrainSignals>& signals);
+    static void upload(const std::weak_ptr<Engine>& weak, const Job& job);
+
+    std::optional<Job> nextPendingSequence(std::uint64_t generation);
+    AttemptResult attemptUpload(const Job& job, const Bytes& data);
+    std::optional<std::string> signedURL(const Job& job, const std::string& recordingSecret);
+    void markUploaded(const Job& job, const AttemptResult& result, int attempt);
+    // False when the job belongs to an earlier configure; nothing is then recorded or reported.
+    bool park(const Job& job, const std::string& text);
+    void forgetPoolEntry(const Job& job);
+    void emit(const NativeUploadEvent& event);
+
+    const std::shared_ptr<ChunkStore> chunkStore_;
+    const std::shared_ptr<HTTPClient> http_;
+    const std::shared_ptr<SignedURLProvider> urlProvider_;
+    const std::shared_ptr<Clock> clock_;
+    const std::shared_ptr<CoreLogger> logger_;
+    const Config config_;
+
+    mutable std::mutex mutex_;
+    std::optional<std::string> recordingId_;                   // guarded by mutex_
+    std::optional<std::string> recordingSecret_;               // guarded by mutex_
+    std::optional<std::string> anonKey_;                       // guarded by mutex_
+    std::optional<std::string> authToken_;                     // guarded by mutex_
+    std::optional<std::string> supabaseUrl_;                   // guarded by mutex_
+    std::deque<int> pendingSequences_;                         // guarded by mutex_; oldest first
+    std::set<int> pendingSet_;                                 // guarded by mutex_; the same sequences
+    std::set<int> inFlightSequences_;                          // guarded by mutex_
+    std::set<int> uploadedSequencesSet_;                       // guarded by mutex_
+    std::map<int, std::string> failedChunksMap_;               // guarded by mutex_
+    std::map<int, std::string> urlPool_;                       // guarded by mutex_
+    bool draining_ = false;                                    // guarded by mutex_
+    int lastSequenceValue_ = 0;                                // guarded by mutex_
+    TimePoint nextSignedUrlFetchAllowedAt_ = TimePoint::min(); // guarded by mutex_
+    std::uint64_t generation_ = 0;                             // guarded by mutex_; counts configure calls
+    std::shared_ptr<DrainSignals> drainSignals_; // guarded by mutex_; those of the running drain
+    std::vector<Task> tasks_;                    // guarded by mutex_; drain tasks not known to be finished
+    bool stopped_ = false;                       // guarded by mutex_; the owner is going
+    EventHandler onEvent_;                       // guarded by mutex_
+};
+
+void LiveUploadWorker::Engine::shutDown() {
     std::vector<Task> tasks;
+    EventHandler handler;
     {
         std::lock_guard lock(mutex_);
+        stopped_ = true;
         tasks = std::move(tasks_);
+        handler = std::move(onEvent_);
+        onEvent_ = nullptr;
     }
     for (const auto& task : tasks) {
         task.cancel();
     }
-    // Joining returns at once when this runs on one of those tasks (or a child of one): the last
-    // reference can be dropped there, and the task then finds the worker gone at its next step.
+    // Joining returns at once for the task this runs on, if any (the owner let go inside a callback).
     for (const auto& task : tasks) {
         task.join();
     }
 }
 
-void LiveUploadWorker::configure(const std::string& recordingId,
-                                 const std::optional<std::string>& recordingSecret,
-                                 const std::string& supabaseUrl, const std::string& anonKey,
-                                 const std::optional<std::string>& authToken) {
+void LiveUploadWorker::Engine::configure(const std::string& recordingId,
+                                         const std::optional<std::string>& recordingSecret,
+                                         const std::string& supabaseUrl, const std::string& anonKey,
+                                         const std::optional<std::string>& authToken) {
     bool signedUrl = false;
     bool jwtFallback = false;
     {
@@ -119,6 +208,7 @@ void LiveUploadWorker::configure(const std::string& recordingId,
         failedChunksMap_.clear();
         urlPool_.clear();
         draining_ = false;
+        drainSignals_ = nullptr;
         lastSequenceValue_ = 0;
         nextSignedUrlFetchAllowedAt_ = TimePoint::min();
         signedUrl = present(recordingSecret_);
@@ -139,8 +229,7 @@ void LiveUploadWorker::configure(const std::string& recordingId,
                   " jwtFallback=" + (jwtFallback ? "true" : "false"));
 }
 
-void LiveUploadWorker::enqueue(const Bytes& data, int sequence, bool isFinal, double /*sampleRate*/,
-                               int /*channels*/) {
+void LiveUploadWorker::Engine::enqueue(const Bytes& data, int sequence, bool isFinal) {
     std::optional<std::string> recordingId;
     std::uint64_t generation = 0;
     {
@@ -191,15 +280,28 @@ void LiveUploadWorker::enqueue(const Bytes& data, int sequence, bool isFinal, do
     scheduleDrain();
 }
 
-void LiveUploadWorker::scheduleDrain() {
+void LiveUploadWorker::Engine::scheduleDrain() {
     std::uint64_t generation = 0;
+    std::shared_ptr<DrainSignals> running;
+    auto signals = std::make_shared<DrainSignals>();
     {
         std::lock_guard lock(mutex_);
-        if (draining_) {
+        if (stopped_) {
             return;
         }
-        draining_ = true;
-        generation = generation_;
+        if (draining_) {
+            running = drainSignals_;
+        } else {
+            draining_ = true;
+            generation = generation_;
+            drainSignals_ = signals;
+        }
+    }
+    if (running) {
+        // The drain that runs may have free slots: without this a chunk queued behind a slow upload
+        // would wait for that upload to end.
+        running->poke();
+        return;
     }
     emit(event(NativeUploadEventKind::uploadGuardStarted));
 
@@ -210,12 +312,25 @@ void LiveUploadWorker::scheduleDrain() {
         tasks = std::move(tasks_);
     }
     std::erase_if(tasks, [](const Task& t) { return t.isFinished(); });
-    tasks.push_back(Task::run([weak = weak_from_this(), generation] { drainLoop(weak, generation); }));
-    std::lock_guard lock(mutex_);
-    tasks_.insert(tasks_.end(), tasks.begin(), tasks.end());
+    auto task =
+        Task::run([weak = weak_from_this(), generation, signals] { drainLoop(weak, generation, signals); });
+    tasks.push_back(task);
+    bool stopped = false;
+    {
+        std::lock_guard lock(mutex_);
+        stopped = stopped_;
+        if (!stopped) {
+            tasks_.insert(tasks_.end(), tasks.begin(), tasks.end());
+        }
+    }
+    if (stopped) {
+        // shutDown ran meanwhile and will not see this task: end it here.
+        task.cancelAndJoin();
+    }
 }
 
-void LiveUploadWorker::drainLoop(const std::weak_ptr<LiveUploadWorker>& weak, std::uint64_t generation) {
+void LiveUploadWorker::Engine::drainLoop(const std::weak_ptr<Engine>& weak, std::uint64_t generation,
+                                         const std::shared_ptr<DrainSignals>& signals) {
     int maxParallel = 1;
     {
         auto self = weak.lock();
@@ -224,7 +339,6 @@ void LiveUploadWorker::drainLoop(const std::weak_ptr<LiveUploadWorker>& weak, st
         }
         maxParallel = std::max(1, self->config_.maxParallelUploads);
     }
-    auto signals = std::make_shared<ChildSignals>();
     std::vector<std::future<void>> children;
     int running = 0;
     for (;;) {
@@ -239,7 +353,7 @@ void LiveUploadWorker::drainLoop(const std::weak_ptr<LiveUploadWorker>& weak, st
             }
             children.push_back(Task::child([weak, job = *job, signals] {
                 struct Done {
-                    ChildSignals& s;
+                    DrainSignals& s;
                     ~Done() {
                         {
                             std::lock_guard lock(s.mutex);
@@ -257,9 +371,10 @@ void LiveUploadWorker::drainLoop(const std::weak_ptr<LiveUploadWorker>& weak, st
         }
         {
             std::unique_lock lock(signals->mutex);
-            signals->cv.wait(lock, [&] { return signals->finished > 0; });
+            signals->cv.wait(lock, [&] { return signals->finished > 0 || signals->poked; });
             running -= signals->finished;
             signals->finished = 0;
+            signals->poked = false;
         }
         std::erase_if(children, [](const std::future<void>& f) {
             return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
@@ -276,10 +391,11 @@ void LiveUploadWorker::drainLoop(const std::weak_ptr<LiveUploadWorker>& weak, st
     int failedCount = 0;
     {
         std::lock_guard lock(self->mutex_);
-        if (generation != self->generation_) {
+        if (generation != self->generation_ || self->stopped_) {
             return; // configure started over; the drains of the new recording report for themselves
         }
         self->draining_ = false;
+        self->drainSignals_ = nullptr;
         morePending = !self->pendingSequences_.empty();
         uploadedCount = static_cast<int>(self->uploadedSequencesSet_.size());
         failedCount = static_cast<int>(self->failedChunksMap_.size());
@@ -298,9 +414,10 @@ void LiveUploadWorker::drainLoop(const std::weak_ptr<LiveUploadWorker>& weak, st
     self->emit(event(NativeUploadEventKind::uploadGuardEnded));
 }
 
-std::optional<LiveUploadWorker::Job> LiveUploadWorker::nextPendingSequence(std::uint64_t generation) {
+std::optional<LiveUploadWorker::Engine::Job>
+LiveUploadWorker::Engine::nextPendingSequence(std::uint64_t generation) {
     std::lock_guard lock(mutex_);
-    if (generation != generation_) {
+    if (generation != generation_ || stopped_) {
         return std::nullopt;
     }
     while (!pendingSequences_.empty()) {
@@ -316,7 +433,7 @@ std::optional<LiveUploadWorker::Job> LiveUploadWorker::nextPendingSequence(std::
     return std::nullopt;
 }
 
-void LiveUploadWorker::upload(const std::weak_ptr<LiveUploadWorker>& weak, const Job& job) {
+void LiveUploadWorker::Engine::upload(const std::weak_ptr<Engine>& weak, const Job& job) {
     std::optional<Bytes> data;
     std::shared_ptr<Clock> clock;
     int maxAttempts = 1;
@@ -387,7 +504,8 @@ void LiveUploadWorker::upload(const std::weak_ptr<LiveUploadWorker>& weak, const
     }
 }
 
-LiveUploadWorker::AttemptResult LiveUploadWorker::attemptUpload(const Job& job, const Bytes& data) {
+LiveUploadWorker::Engine::AttemptResult LiveUploadWorker::Engine::attemptUpload(const Job& job,
+                                                                                const Bytes& data) {
     std::optional<std::string> secret;
     {
         std::lock_guard lock(mutex_);
@@ -443,7 +561,8 @@ LiveUploadWorker::AttemptResult LiveUploadWorker::attemptUpload(const Job& job, 
     return {http_->send(request).statusCode, kFallbackRoute};
 }
 
-std::optional<std::string> LiveUploadWorker::signedURL(const Job& job, const std::string& recordingSecret) {
+std::optional<std::string> LiveUploadWorker::Engine::signedURL(const Job& job,
+                                                               const std::string& recordingSecret) {
     TimePoint allowedAt;
     {
         std::lock_guard lock(mutex_);
@@ -464,9 +583,10 @@ std::optional<std::string> LiveUploadWorker::signedURL(const Job& job, const std
     try {
         entries = urlProvider_->fetchSignedURLs(job.recordingId, recordingSecret, job.sequence,
                                                 config_.urlBatchSize);
-    } catch (const CancellationError&) {
-        throw;
     } catch (...) {
+        if (Task::isCurrentCancelled()) {
+            throw; // the worker is going; no pause and no report for that
+        }
         std::optional<int> status;
         try {
             throw;
@@ -519,7 +639,7 @@ std::optional<std::string> LiveUploadWorker::signedURL(const Job& job, const std
     return found;
 }
 
-void LiveUploadWorker::markUploaded(const Job& job, const AttemptResult& result, int attempt) {
+void LiveUploadWorker::Engine::markUploaded(const Job& job, const AttemptResult& result, int attempt) {
     bool current = false;
     {
         std::lock_guard lock(mutex_);
@@ -548,7 +668,7 @@ void LiveUploadWorker::markUploaded(const Job& job, const AttemptResult& result,
     }
 }
 
-bool LiveUploadWorker::park(const Job& job, const std::string& text) {
+bool LiveUploadWorker::Engine::park(const Job& job, const std::string& text) {
     {
         std::lock_guard lock(mutex_);
         if (job.generation != generation_) {
@@ -566,14 +686,14 @@ bool LiveUploadWorker::park(const Job& job, const std::string& text) {
     return true;
 }
 
-void LiveUploadWorker::forgetPoolEntry(const Job& job) {
+void LiveUploadWorker::Engine::forgetPoolEntry(const Job& job) {
     std::lock_guard lock(mutex_);
     if (job.generation == generation_) {
         urlPool_.erase(job.sequence);
     }
 }
 
-void LiveUploadWorker::acceptServerAcks(const std::vector<int>& sequences) {
+void LiveUploadWorker::Engine::acceptServerAcks(const std::vector<int>& sequences) {
     std::optional<std::string> recordingId;
     {
         std::lock_guard lock(mutex_);
@@ -595,7 +715,7 @@ void LiveUploadWorker::acceptServerAcks(const std::vector<int>& sequences) {
     }
 }
 
-void LiveUploadWorker::requeue(const std::vector<int>& sequences) {
+void LiveUploadWorker::Engine::requeue(const std::vector<int>& sequences) {
     std::vector<int> sorted = sequences;
     std::sort(sorted.begin(), sorted.end());
     {
@@ -614,7 +734,7 @@ void LiveUploadWorker::requeue(const std::vector<int>& sequences) {
     scheduleDrain();
 }
 
-void LiveUploadWorker::retryFailed() {
+void LiveUploadWorker::Engine::retryFailed() {
     std::vector<int> sequences;
     {
         std::lock_guard lock(mutex_);
@@ -625,24 +745,24 @@ void LiveUploadWorker::retryFailed() {
     requeue(sequences);
 }
 
-void LiveUploadWorker::updateAuthToken(const std::optional<std::string>& token) {
+void LiveUploadWorker::Engine::updateAuthToken(const std::optional<std::string>& token) {
     std::lock_guard lock(mutex_);
     authToken_ = token;
 }
 
-std::vector<int> LiveUploadWorker::uploadedSequences() const {
+std::vector<int> LiveUploadWorker::Engine::uploadedSequences() const {
     std::lock_guard lock(mutex_);
     return {uploadedSequencesSet_.begin(), uploadedSequencesSet_.end()};
 }
 
-std::vector<int> LiveUploadWorker::pendingSequences() const {
+std::vector<int> LiveUploadWorker::Engine::pendingSequences() const {
     std::lock_guard lock(mutex_);
     std::set<int> all = pendingSet_;
     all.insert(inFlightSequences_.begin(), inFlightSequences_.end());
     return {all.begin(), all.end()};
 }
 
-std::vector<FailedChunk> LiveUploadWorker::failedChunks() const {
+std::vector<FailedChunk> LiveUploadWorker::Engine::failedChunks() const {
     std::lock_guard lock(mutex_);
     std::vector<FailedChunk> out;
     for (const auto& [sequence, text] : failedChunksMap_) {
@@ -651,40 +771,127 @@ std::vector<FailedChunk> LiveUploadWorker::failedChunks() const {
     return out;
 }
 
-void LiveUploadWorker::setOnEvent(EventHandler handler) {
+void LiveUploadWorker::Engine::setOnEvent(EventHandler handler) {
     std::lock_guard lock(mutex_);
     onEvent_ = std::move(handler);
 }
 
-int LiveUploadWorker::lastSequence() const {
+int LiveUploadWorker::Engine::lastSequence() const {
     std::lock_guard lock(mutex_);
     return lastSequenceValue_;
 }
 
-bool LiveUploadWorker::isIdle() const {
+bool LiveUploadWorker::Engine::isIdle() const {
     std::lock_guard lock(mutex_);
     return pendingSet_.empty() && inFlightSequences_.empty();
 }
 
-bool LiveUploadWorker::signedUrlEnabled() const {
+bool LiveUploadWorker::Engine::signedUrlEnabled() const {
     std::lock_guard lock(mutex_);
     return present(recordingSecret_);
 }
 
-bool LiveUploadWorker::jwtFallbackEnabled() const {
+bool LiveUploadWorker::Engine::jwtFallbackEnabled() const {
     std::lock_guard lock(mutex_);
     return present(anonKey_);
 }
 
-void LiveUploadWorker::emit(const NativeUploadEvent& event) {
+void LiveUploadWorker::Engine::emit(const NativeUploadEvent& event) {
     EventHandler handler;
     {
         std::lock_guard lock(mutex_);
+        if (stopped_) {
+            return;
+        }
         handler = onEvent_;
     }
     if (handler) {
         handler(event);
     }
+}
+
+std::shared_ptr<LiveUploadWorker>
+LiveUploadWorker::create(std::shared_ptr<ChunkStore> chunkStore, std::shared_ptr<HTTPClient> http,
+                         std::shared_ptr<SignedURLProvider> urlProvider, std::shared_ptr<Clock> clock,
+                         std::shared_ptr<CoreLogger> logger, Config config) {
+    return std::make_shared<LiveUploadWorker>(std::move(chunkStore), std::move(http), std::move(urlProvider),
+                                              std::move(clock), std::move(logger), config);
+}
+
+LiveUploadWorker::LiveUploadWorker(std::shared_ptr<ChunkStore> chunkStore, std::shared_ptr<HTTPClient> http,
+                                   std::shared_ptr<SignedURLProvider> urlProvider,
+                                   std::shared_ptr<Clock> clock, std::shared_ptr<CoreLogger> logger,
+                                   Config config)
+    : config_(config),
+      engine_(std::make_shared<Engine>(std::move(chunkStore), std::move(http), std::move(urlProvider),
+                                       std::move(clock), std::move(logger), config)) {}
+
+LiveUploadWorker::~LiveUploadWorker() {
+    engine_->shutDown();
+}
+
+void LiveUploadWorker::configure(const std::string& recordingId,
+                                 const std::optional<std::string>& recordingSecret,
+                                 const std::string& supabaseUrl, const std::string& anonKey,
+                                 const std::optional<std::string>& authToken) {
+    engine_->configure(recordingId, recordingSecret, supabaseUrl, anonKey, authToken);
+}
+
+void LiveUploadWorker::enqueue(const Bytes& data, int sequence, bool isFinal, double /*sampleRate*/,
+                               int /*channels*/) {
+    engine_->enqueue(data, sequence, isFinal);
+}
+
+void LiveUploadWorker::scheduleDrain() {
+    engine_->scheduleDrain();
+}
+
+void LiveUploadWorker::acceptServerAcks(const std::vector<int>& sequences) {
+    engine_->acceptServerAcks(sequences);
+}
+
+void LiveUploadWorker::requeue(const std::vector<int>& sequences) {
+    engine_->requeue(sequences);
+}
+
+void LiveUploadWorker::retryFailed() {
+    engine_->retryFailed();
+}
+
+void LiveUploadWorker::updateAuthToken(const std::optional<std::string>& token) {
+    engine_->updateAuthToken(token);
+}
+
+std::vector<int> LiveUploadWorker::uploadedSequences() const {
+    return engine_->uploadedSequences();
+}
+
+std::vector<int> LiveUploadWorker::pendingSequences() const {
+    return engine_->pendingSequences();
+}
+
+std::vector<FailedChunk> LiveUploadWorker::failedChunks() const {
+    return engine_->failedChunks();
+}
+
+void LiveUploadWorker::setOnEvent(EventHandler handler) {
+    engine_->setOnEvent(std::move(handler));
+}
+
+int LiveUploadWorker::lastSequence() const {
+    return engine_->lastSequence();
+}
+
+bool LiveUploadWorker::isIdle() const {
+    return engine_->isIdle();
+}
+
+bool LiveUploadWorker::signedUrlEnabled() const {
+    return engine_->signedUrlEnabled();
+}
+
+bool LiveUploadWorker::jwtFallbackEnabled() const {
+    return engine_->jwtFallbackEnabled();
 }
 
 } // namespace kavelo

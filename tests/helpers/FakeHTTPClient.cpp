@@ -1,4 +1,4 @@
-#include "FakeHTTPClient.h"
+#include "helpers/FakeHTTPClient.h"
 
 #include <algorithm>
 

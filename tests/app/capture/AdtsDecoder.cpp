@@ -1,5 +1,6 @@
 #include "AdtsDecoder.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -50,6 +51,24 @@ double DecodedAudio::estimatedFrequency() const {
         }
     }
     return to > from ? crossings / 2.0 / (double(to - from) / sampleRate) : 0;
+}
+
+double DecodedAudio::toneLevel(double frequency) const {
+    auto from = samples.size() / 4;
+    auto to = samples.size() * 3 / 4;
+    if (to <= from || sampleRate <= 0) {
+        return 0;
+    }
+    const double w = 2 * 3.141592653589793 * frequency / sampleRate;
+    const double coefficient = 2 * std::cos(w);
+    double s1 = 0, s2 = 0;
+    for (auto i = from; i < to; ++i) {
+        double s0 = samples[i] + coefficient * s1 - s2;
+        s2 = s1;
+        s1 = s0;
+    }
+    double power = s1 * s1 + s2 * s2 - coefficient * s1 * s2;
+    return 2 * std::sqrt(std::max(power, 0.0)) / double(to - from);
 }
 
 DecodedAudio decodeAdts(const Bytes& stream) {

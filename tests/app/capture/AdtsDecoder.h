@@ -19,6 +19,8 @@ struct DecodedAudio {
     [[nodiscard]] double rms(std::size_t from = 0, std::size_t to = SIZE_MAX) const;
     // Zero crossings per second over the middle half: twice the frequency of a clean tone.
     [[nodiscard]] double estimatedFrequency() const;
+    // Amplitude of one frequency (Goertzel) over the middle half: 0.5 for a sine of amplitude 0.5.
+    [[nodiscard]] double toneLevel(double frequency) const;
 };
 
 DecodedAudio decodeAdts(const Bytes& stream);

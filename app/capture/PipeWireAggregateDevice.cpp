@@ -1,0 +1,514 @@
+#include "app/capture/PipeWireAggregateDevice.h"
+
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/filter.h>
+#include <pipewire/pipewire.h>
+#include <spa/utils/result.h>
+
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <stdexcept>
+
+namespace kavelo {
+
+namespace {
+
+void ensureInitialised() {
+    static std::once_flag once;
+    std::call_once(once, [] { pw_init(nullptr, nullptr); });
+}
+
+std::string property(const spa_dict* props, const char* key) {
+    const char* value = props ? spa_dict_lookup(props, key) : nullptr;
+    return value ? value : "";
+}
+
+// The "name" of a metadata value such as {"name":"alsa_output.pci-0000_00_1f.3.analog-stereo"}.
+std::string nameFromJson(const char* value) {
+    if (value == nullptr) {
+        return "";
+    }
+    std::string text(value);
+    auto key = text.find("\"name\"");
+    if (key == std::string::npos) {
+        return "";
+    }
+    auto open = text.find('"', text.find(':', key) + 1);
+    auto close = open == std::string::npos ? open : text.find('"', open + 1);
+    return close == std::string::npos ? "" : text.substr(open + 1, close - open - 1);
+}
+
+struct NodeInfo {
+    std::string name;
+    std::string mediaClass;
+};
+struct PortInfo {
+    std::uint32_t node = 0;
+    bool output = false;
+    bool monitor = false;
+    std::string channel;
+};
+
+// One cycle's samples, one run of `frames` floats per port.
+struct Slot {
+    std::uint32_t frames = 0;
+    std::uint32_t rate = 0;
+    std::vector<std::uint8_t> present;
+    std::vector<float> samples;
+};
+
+} // namespace
+
+struct PipeWireAggregateDevice::Graph {
+    pw_thread_loop* loop = nullptr;
+    pw_context* context = nullptr;
+    pw_core* core = nullptr;
+    pw_registry* registry = nullptr;
+    pw_metadata* metadata = nullptr;
+    pw_filter* filter = nullptr;
+    spa_hook coreListener{}, registryListener{}, metadataListener{}, filterListener{};
+    std::vector<void*> ports; // our filter's port data
+    std::vector<pw_proxy*> links;
+
+    // Loop thread (and the control queue with the loop lock held).
+    std::map<std::uint32_t, NodeInfo> nodes;
+    std::map<std::uint32_t, PortInfo> portsSeen;
+    std::uint32_t metadataId = SPA_ID_INVALID;
+    std::string defaultSink, defaultSource;
+    int pendingSeq = -1;
+    bool synced = false;
+    std::string error;
+    bool built = false; // defaults reported as changes only after the build
+    PipeWireAggregateDevice* owner = nullptr;
+
+    // The ring between the real-time thread and the worker.
+    std::vector<Slot> slots;
+    std::atomic<std::uint64_t> written{0}, read{0};
+    std::atomic<bool> stopping{false};
+    std::counting_semaphore<1 << 20> ready{0};
+
+    ~Graph() {
+        if (loop != nullptr) {
+            pw_thread_loop_stop(loop);
+        }
+        for (auto* link : links) {
+            pw_proxy_destroy(link);
+        }
+        if (filter != nullptr) {
+            pw_filter_destroy(filter);
+        }
+        if (metadata != nullptr) {
+            pw_proxy_destroy(reinterpret_cast<pw_proxy*>(metadata));
+        }
+        if (registry != nullptr) {
+            pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry));
+        }
+        if (core != nullptr) {
+            pw_core_disconnect(core);
+        }
+        if (context != nullptr) {
+            pw_context_destroy(context);
+        }
+        if (loop != nullptr) {
+            pw_thread_loop_destroy(loop);
+        }
+    }
+
+    // With the loop lock held: waits until the server has handled everything sent so far.
+    bool roundtrip() {
+        synced = false;
+        pendingSeq = pw_core_sync(core, PW_ID_CORE, 0);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        while (!synced && error.empty()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            pw_thread_loop_timed_wait(loop, 1);
+        }
+        return synced;
+    }
+
+    void notifyDefaultsChanged() {
+        if (!built || owner == nullptr) {
+            return;
+        }
+        std::function<void()> listener;
+        {
+            std::lock_guard lock(owner->mutex_);
+            listener = owner->listener_;
+        }
+        if (listener) {
+            listener();
+        }
+    }
+};
+
+namespace {
+
+using Graph = PipeWireAggregateDevice::Graph;
+
+void onCoreDone(void* data, std::uint32_t id, int seq) {
+    auto* g = static_cast<Graph*>(data);
+    if (id == PW_ID_CORE && seq == g->pendingSeq) {
+        g->synced = true;
+        pw_thread_loop_signal(g->loop, false);
+    }
+}
+
+void onCoreError(void* data, std::uint32_t id, int, int res, const char* message) {
+    auto* g = static_cast<Graph*>(data);
+    if (id == PW_ID_CORE) {
+        g->error = std::string(message ? message : "core error") + " (" + spa_strerror(res) + ")";
+        pw_thread_loop_signal(g->loop, false);
+    }
+}
+
+const pw_core_events coreEvents = [] {
+    pw_core_events e{};
+    e.version = PW_VERSION_CORE_EVENTS;
+    e.done = onCoreDone;
+    e.error = onCoreError;
+    return e;
+}();
+
+int onMetadataProperty(void* data, std::uint32_t subject, const char* key, const char*, const char* value) {
+    auto* g = static_cast<Graph*>(data);
+    if (subject != PW_ID_CORE || key == nullptr) {
+        return 0;
+    }
+    std::string k(key);
+    if (k == "default.audio.sink" || k == "default.audio.source") {
+        auto name = nameFromJson(value);
+        auto& field = k == "default.audio.sink" ? g->defaultSink : g->defaultSource;
+        if (field != name) {
+            field = name;
+            g->notifyDefaultsChanged();
+        }
+    }
+    return 0;
+}
+
+const pw_metadata_events metadataEvents = [] {
+    pw_metadata_events e{};
+    e.version = PW_VERSION_METADATA_EVENTS;
+    e.property = onMetadataProperty;
+    return e;
+}();
+
+void onGlobal(void* data, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t,
+              const spa_dict* props) {
+    auto* g = static_cast<Graph*>(data);
+    if (std::strcmp(type, PW_TYPE_INTERFACE_Node) == 0) {
+        g->nodes[id] = {property(props, PW_KEY_NODE_NAME), property(props, PW_KEY_MEDIA_CLASS)};
+    } else if (std::strcmp(type, PW_TYPE_INTERFACE_Port) == 0) {
+        PortInfo port;
+        port.node =
+            static_cast<std::uint32_t>(std::strtoul(property(props, PW_KEY_NODE_ID).c_str(), nullptr, 10));
+        port.output = property(props, PW_KEY_PORT_DIRECTION) == "out";
+        port.monitor = property(props, PW_KEY_PORT_MONITOR) == "true";
+        port.channel = property(props, PW_KEY_AUDIO_CHANNEL);
+        g->portsSeen[id] = port;
+    } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 &&
+               property(props, "metadata.name") == "default" && g->metadata == nullptr) {
+        g->metadataId = id;
+        g->metadata = static_cast<pw_metadata*>(
+            pw_registry_bind(g->registry, id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA, 0));
+        if (g->metadata != nullptr) {
+            pw_metadata_add_listener(g->metadata, &g->metadataListener, &metadataEvents, g);
+        }
+    }
+}
+
+void onGlobalRemove(void* data, std::uint32_t id) {
+    auto* g = static_cast<Graph*>(data);
+    g->nodes.erase(id);
+    g->portsSeen.erase(id);
+}
+
+const pw_registry_events registryEvents = [] {
+    pw_registry_events e{};
+    e.version = PW_VERSION_REGISTRY_EVENTS;
+    e.global = onGlobal;
+    e.global_remove = onGlobalRemove;
+    return e;
+}();
+
+// The real-time thread: copy, publish, wake. No locks, no allocation, no logging.
+void onProcess(void* data, spa_io_position* position) {
+    auto* g = static_cast<Graph*>(data);
+    if (position == nullptr || g->slots.empty()) {
+        return;
+    }
+    const auto w = g->written.load(std::memory_order_relaxed);
+    if (w - g->read.load(std::memory_order_acquire) >= g->slots.size()) {
+        return; // the worker fell behind: this cycle is lost, the watchdog sees the gap
+    }
+    auto& slot = g->slots[w % g->slots.size()];
+    const std::uint32_t frames = std::min<std::uint32_t>(
+        static_cast<std::uint32_t>(position->clock.duration),
+        static_cast<std::uint32_t>(slot.samples.size() / std::max<std::size_t>(g->ports.size(), 1)));
+    slot.frames = frames;
+    slot.rate = position->clock.rate.denom;
+    for (std::size_t i = 0; i < g->ports.size(); ++i) {
+        auto* in = static_cast<const float*>(pw_filter_get_dsp_buffer(g->ports[i], frames));
+        slot.present[i] = in != nullptr;
+        if (in != nullptr) {
+            std::memcpy(slot.samples.data() + i * frames, in, frames * sizeof(float));
+        }
+    }
+    g->written.store(w + 1, std::memory_order_release);
+    g->ready.release();
+}
+
+const pw_filter_events filterEvents = [] {
+    pw_filter_events e{};
+    e.version = PW_VERSION_FILTER_EVENTS;
+    e.process = onProcess;
+    return e;
+}();
+
+std::unique_ptr<Graph> connectGraph() {
+    ensureInitialised();
+    auto g = std::make_unique<Graph>();
+    g->loop = pw_thread_loop_new("kavely-capture", nullptr);
+    if (g->loop == nullptr) {
+        throw std::runtime_error("pw_thread_loop_new failed");
+    }
+    g->context = pw_context_new(pw_thread_loop_get_loop(g->loop), nullptr, 0);
+    if (g->context == nullptr || pw_thread_loop_start(g->loop) < 0) {
+        throw std::runtime_error("pw_context_new failed");
+    }
+    pw_thread_loop_lock(g->loop);
+    g->core = pw_context_connect(g->context, nullptr, 0);
+    if (g->core == nullptr) {
+        pw_thread_loop_unlock(g->loop);
+        throw std::runtime_error("no PipeWire server");
+    }
+    pw_core_add_listener(g->core, &g->coreListener, &coreEvents, g.get());
+    g->registry = pw_core_get_registry(g->core, PW_VERSION_REGISTRY, 0);
+    pw_registry_add_listener(g->registry, &g->registryListener, &registryEvents, g.get());
+    // The first round brings the globals; the second the metadata's properties.
+    bool ok = g->roundtrip() && g->roundtrip();
+    pw_thread_loop_unlock(g->loop);
+    if (!ok) {
+        throw std::runtime_error("PipeWire did not answer: " + g->error);
+    }
+    return g;
+}
+
+std::vector<std::uint32_t> portsOf(const Graph& g, std::uint32_t node, bool monitor) {
+    std::vector<std::uint32_t> ids;
+    for (const auto& [id, port] : g.portsSeen) {
+        if (port.node == node && port.output && port.monitor == monitor) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}
+
+std::optional<std::uint32_t> nodeNamed(const Graph& g, const std::string& name,
+                                       const std::string& classPrefix) {
+    for (const auto& [id, node] : g.nodes) {
+        if (!name.empty() && node.name == name && node.mediaClass.rfind(classPrefix, 0) == 0) {
+            return id;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+PipeWireAggregateDevice::PipeWireAggregateDevice() = default;
+
+PipeWireAggregateDevice::~PipeWireAggregateDevice() {
+    teardown();
+}
+
+bool PipeWireAggregateDevice::serverAnswers() {
+    try {
+        return connectGraph() != nullptr;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool PipeWireAggregateDevice::canCaptureDefaultOutput() {
+    try {
+        auto g = connectGraph();
+        pw_thread_loop_lock(g->loop);
+        auto sink = nodeNamed(*g, g->defaultSink, "Audio/Sink");
+        bool ok = sink && !portsOf(*g, *sink, true).empty();
+        pw_thread_loop_unlock(g->loop);
+        return ok;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::string>& preferredMicrophone) {
+    teardown();
+    auto g = connectGraph();
+    g->owner = this;
+    pw_thread_loop_lock(g->loop);
+    struct Unlock {
+        pw_thread_loop* loop;
+        ~Unlock() { pw_thread_loop_unlock(loop); }
+    } unlock{g->loop};
+
+    std::optional<std::uint32_t> mic;
+    if (preferredMicrophone) {
+        mic = nodeNamed(*g, *preferredMicrophone, "Audio/Source");
+    }
+    if (!mic) {
+        mic = nodeNamed(*g, g->defaultSource, "Audio/Source");
+    }
+    if (!mic) {
+        throw std::runtime_error("defaultInputDevice: no default input");
+    }
+    auto micPorts = portsOf(*g, *mic, false);
+    if (micPorts.empty()) {
+        throw std::runtime_error("microphone has no input channels");
+    }
+    auto sink = nodeNamed(*g, g->defaultSink, "Audio/Sink");
+    std::vector<std::uint32_t> sysPorts;
+    if (sink) {
+        sysPorts = portsOf(*g, *sink, true);
+    }
+
+    auto* props =
+        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE,
+                          "Production", PW_KEY_NODE_NAME, "kavely.capture", PW_KEY_NODE_DESCRIPTION,
+                          "Kavely Capture", PW_KEY_NODE_RATE, "1/48000", nullptr);
+    g->filter = pw_filter_new(g->core, "kavely.capture", props);
+    if (g->filter == nullptr) {
+        throw std::runtime_error("pw_filter_new failed");
+    }
+    pw_filter_add_listener(g->filter, &g->filterListener, &filterEvents, g.get());
+    const std::size_t total = micPorts.size() + sysPorts.size();
+    for (std::size_t i = 0; i < total; ++i) {
+        std::string name = (i < micPorts.size() ? "mic_" : "system_") + std::to_string(i);
+        auto* portProps = pw_properties_new(PW_KEY_FORMAT_DSP, "32 bit float mono audio", PW_KEY_PORT_NAME,
+                                            name.c_str(), nullptr);
+        void* port = pw_filter_add_port(g->filter, PW_DIRECTION_INPUT, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0,
+                                        portProps, nullptr, 0);
+        if (port == nullptr) {
+            throw std::runtime_error("pw_filter_add_port failed");
+        }
+        g->ports.push_back(port);
+    }
+    // The ring is sized before the real-time thread can see it.
+    g->slots.resize(16);
+    for (auto& slot : g->slots) {
+        slot.present.assign(total, 0);
+        slot.samples.assign(total * 8192, 0.0f);
+    }
+    if (pw_filter_connect(g->filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) {
+        throw std::runtime_error("pw_filter_connect failed");
+    }
+    // Our ports appear in the registry once the server has made them.
+    std::vector<std::uint32_t> ourPorts;
+    for (int round = 0; round < 20 && ourPorts.size() < total; ++round) {
+        if (!g->roundtrip()) {
+            throw std::runtime_error("PipeWire did not answer: " + g->error);
+        }
+        auto node = pw_filter_get_node_id(g->filter);
+        ourPorts.clear();
+        for (const auto& [id, port] : g->portsSeen) {
+            if (port.node == node && !port.output) {
+                ourPorts.push_back(id);
+            }
+        }
+    }
+    if (ourPorts.size() < total) {
+        throw std::runtime_error("capture ports did not appear");
+    }
+    std::vector<std::uint32_t> sources = micPorts;
+    sources.insert(sources.end(), sysPorts.begin(), sysPorts.end());
+    for (std::size_t i = 0; i < total; ++i) {
+        auto from = std::to_string(sources[i]);
+        auto to = std::to_string(ourPorts[i]);
+        auto* linkProps = pw_properties_new(PW_KEY_LINK_OUTPUT_PORT, from.c_str(), PW_KEY_LINK_INPUT_PORT,
+                                            to.c_str(), PW_KEY_OBJECT_LINGER, "false", nullptr);
+        auto* link = static_cast<pw_proxy*>(pw_core_create_object(
+            g->core, "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &linkProps->dict, 0));
+        pw_properties_free(linkProps);
+        if (link == nullptr) {
+            throw std::runtime_error("link-factory failed");
+        }
+        g->links.push_back(link);
+    }
+    if (!g->roundtrip()) {
+        throw std::runtime_error("links failed: " + g->error);
+    }
+    g->built = true;
+    AggregateDeviceInfo info;
+    info.microphoneChannels = int(micPorts.size());
+    info.totalChannels = int(total);
+    info.sampleRate = 48000.0;
+    info.systemFormatChannels = int(sysPorts.size());
+    graph_ = std::move(g);
+    return info;
+}
+
+void PipeWireAggregateDevice::startIO(IOHandler handler) {
+    if (!graph_) {
+        throw std::runtime_error("AudioDeviceStart: no graph");
+    }
+    stopWorker();
+    graph_->stopping = false;
+    worker_ = std::thread([this, handler = std::move(handler)] {
+        auto* g = graph_.get();
+        IOBufferList list;
+        list.buffers.resize(g->ports.size());
+        for (;;) {
+            g->ready.acquire();
+            if (g->stopping.load()) {
+                return;
+            }
+            auto r = g->read.load(std::memory_order_relaxed);
+            if (r == g->written.load(std::memory_order_acquire)) {
+                continue;
+            }
+            const auto& slot = g->slots[r % g->slots.size()];
+            // A cycle at another rate than the graph was built for would play at the wrong pitch: it is
+            // dropped, and the watchdog's stall rebuilds the graph.
+            if (slot.rate == 48000) {
+                for (std::size_t i = 0; i < list.buffers.size(); ++i) {
+                    list.buffers[i] = {1, slot.present[i] ? slot.samples.data() + i * slot.frames : nullptr,
+                                       slot.frames * sizeof(float)};
+                }
+                handler(list);
+            }
+            g->read.store(r + 1, std::memory_order_release);
+        }
+    });
+}
+
+void PipeWireAggregateDevice::stopWorker() {
+    if (!worker_.joinable()) {
+        return;
+    }
+    graph_->stopping = true;
+    graph_->ready.release();
+    if (worker_.get_id() == std::this_thread::get_id()) {
+        worker_.detach();
+    } else {
+        worker_.join();
+    }
+}
+
+void PipeWireAggregateDevice::teardown() {
+    if (!graph_) {
+        return;
+    }
+    stopWorker();
+    graph_.reset(); // stops the loop thread first, then destroys links, filter and connection
+}
+
+void PipeWireAggregateDevice::setDefaultDeviceListener(std::function<void()> listener) {
+    std::lock_guard lock(mutex_);
+    listener_ = std::move(listener);
+}
+
+} // namespace kavelo

@@ -1,0 +1,124 @@
+#include "core/recording/FileRecoveryStore.h"
+
+#include "core/support/AtomicFile.h"
+#include "core/support/Bytes.h"
+#include "core/support/CoreJSON.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kavelo {
+
+namespace {
+
+// Reads the manifest without following a symbolic link, without blocking on a FIFO or a device, and
+// without reading more than limit bytes.
+std::optional<Bytes> readRegularFile(const std::filesystem::path& path, std::size_t limit) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    struct FdCloser {
+        int fd;
+        ~FdCloser() { ::close(fd); }
+    } closer{fd};
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0 ||
+        static_cast<std::size_t>(info.st_size) > limit) {
+        return std::nullopt;
+    }
+    Bytes data(limit + 1);
+    std::size_t total = 0;
+    while (total < data.size()) {
+        auto n = ::read(fd, data.data() + total, data.size() - total);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            return std::nullopt;
+        }
+        if (n == 0) {
+            break;
+        }
+        total += static_cast<std::size_t>(n);
+    }
+    if (total > limit) {
+        return std::nullopt; // grew while we read
+    }
+    data.resize(total);
+    return data;
+}
+
+// The recording id names the chunk folder and goes into upload routes; one that could name another place
+// on disk makes the whole manifest unusable.
+bool isUsableRecordingId(const std::string& id) {
+    if (id.empty() || id.size() > 256 || id == "." || id == "..") {
+        return false;
+    }
+    for (unsigned char c : id) {
+        if (c < 0x20 || c == 0x7F || c == '/' || c == '\\') {
+            return false;
+        }
+    }
+    return true;
+}
+
+void fsyncDirectory(const std::filesystem::path& dir) {
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+
+} // namespace
+
+FileRecoveryStore::FileRecoveryStore(const std::filesystem::path& directory) : url_(directory / fileName) {
+    try {
+        createPrivateDirectories(directory, 0700);
+    } catch (...) {
+        // Loads then find nothing and saves are dropped, as for any other failure of the disk.
+    }
+}
+
+std::optional<RecordingManifest> FileRecoveryStore::load() {
+    std::lock_guard lock(mutex_);
+    auto bytes = readRegularFile(url_, maxFileBytes);
+    if (!bytes) {
+        return std::nullopt;
+    }
+    try {
+        auto manifest = RecordingManifest::fromJson(CoreJSON::decode(*bytes));
+        if (!isUsableRecordingId(manifest.recordingId)) {
+            return std::nullopt;
+        }
+        return manifest;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+void FileRecoveryStore::save(const RecordingManifest& manifest) {
+    std::lock_guard lock(mutex_);
+    try {
+        auto bytes = CoreJSON::encodeBytes(manifest.toJson());
+        // JSON has no form for a non-finite number: such a value would come out as null and make the file
+        // unreadable. That is an encoding failure, and the earlier file must stand.
+        RecordingManifest::fromJson(CoreJSON::decode(bytes));
+        writeFileAtomically(url_, bytes, 0600);
+    } catch (...) {
+        // The earlier file stands; the next save tries again.
+    }
+}
+
+void FileRecoveryStore::clear() {
+    std::lock_guard lock(mutex_);
+    if (::unlink(url_.c_str()) == 0) {
+        // Without this a crash of the machine could bring a finished recording back at the next start.
+        fsyncDirectory(url_.parent_path());
+    }
+}
+
+} // namespace kavelo

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "core/recording/RecoveryStore.h"
+
+#include <cstddef>
+#include <filesystem>
+#include <mutex>
+
+namespace kavelo {
+
+// The manifest of the recording in progress as the file "active_recording.json" in the application's data
+// directory. Writes are atomic and durable, and the file is readable by the user alone: it holds the
+// recording's secret.
+//
+// The file is untrusted on reading. Anything but a regular file of sensible size that decodes to a manifest
+// with a usable recording id reads as absent and is left where it is; the next save replaces it.
+//
+// Thread-safety: any thread; mutex_ makes each operation atomic against the others.
+class FileRecoveryStore final : public RecoveryStore {
+  public:
+    static constexpr const char* fileName = "active_recording.json";
+    // A manifest is a few hundred bytes; a file far larger than that is not ours.
+    static constexpr std::size_t maxFileBytes = 64 * 1024;
+
+    // Creates directory (0700 for new levels) and its parents; a failure shows later as absent loads and
+    // dropped saves.
+    explicit FileRecoveryStore(const std::filesystem::path& directory);
+
+    [[nodiscard]] const std::filesystem::path& url() const { return url_; }
+
+    [[nodiscard]] std::optional<RecordingManifest> load() override;
+    void save(const RecordingManifest& manifest) override;
+    void clear() override;
+
+  private:
+    const std::filesystem::path url_;
+    std::mutex mutex_;
+};
+
+} // namespace kavelo

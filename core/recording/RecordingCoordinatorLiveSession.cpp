@@ -1,0 +1,374 @@
+// The live session of RecordingCoordinator: what the recorder and the upload worker report, the first-chunk
+// watchdog, the user's pause with its heartbeat and upper limit, and device switches.
+#include "core/recording/RecordingCoordinator.h"
+
+namespace kavelo {
+
+// The live session
+
+void RecordingCoordinator::ingest(const AudioChunkEvent& chunk) {
+    handleChunk(chunk);
+}
+
+void RecordingCoordinator::ingest(const RecorderStateChange& stateChange) {
+    handleRecorderStateChange(stateChange);
+}
+
+void RecordingCoordinator::ingest(const AudioErrorEvent& audioError) {
+    handleAudioError(audioError);
+}
+
+void RecordingCoordinator::ingest(const NativeUploadEvent& uploadEvent) {
+    handleUploadEvent(uploadEvent);
+}
+
+void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
+    bool wasSilent = false;
+    {
+        std::lock_guard lock(mutex_);
+        receivedSequences_.insert(event.sequence);
+        wasSilent = std::exchange(warnings_.noAudio, false);
+    }
+    diagnostics_->chunkReceived();
+    if (wasSilent) {
+        fire(RecordingEvent::audioReturned());
+    }
+    cancelTask(&RecordingCoordinator::noChunkWatchdogTask_);
+    notifyTick();
+}
+
+void RecordingCoordinator::handleRecorderStateChange(const RecorderStateChange& change) {
+    log(LogLevel::info,
+        "recorder state=" + std::string(toRaw(change.state)) + " reason=" + change.reason.value_or("-"));
+    switch (change.state) {
+    case RecorderState::interrupted:
+        // The user's own pause already holds the capture; an interruption adds nothing to it.
+        if (phase() != RecordingPhase::pausedUser) {
+            fire(RecordingEvent::systemInterrupted());
+        }
+        break;
+    case RecorderState::resumeFailed:
+        fire(RecordingEvent::resumeFailedTerminal());
+        break;
+    case RecorderState::routeChanged: {
+        std::lock_guard lock(mutex_);
+        warnings_.routeChange = change.friendlyName.value_or(change.inputName.value_or(""));
+    }
+        fire(RecordingEvent::routeChanged());
+        fire(RecordingEvent::routeSettled());
+        break;
+    case RecorderState::networkOnline: {
+        std::lock_guard lock(mutex_);
+        warnings_.offlineBuffering = false;
+    }
+        fire(RecordingEvent::backOnline());
+        uploader_->scheduleDrain();
+        break;
+    case RecorderState::networkOffline: {
+        std::lock_guard lock(mutex_);
+        warnings_.offlineBuffering = true;
+    }
+        fire(RecordingEvent::wentOffline());
+        break;
+    case RecorderState::error: {
+        std::lock_guard lock(mutex_);
+        warnings_.deviceWarning = change.errorCode.value_or(change.reason.value_or("Audiofout"));
+    }
+        fire(RecordingEvent::deviceWarning());
+        break;
+    case RecorderState::recording:
+    case RecorderState::stopping:
+    case RecorderState::stopped:
+    case RecorderState::paused:
+    case RecorderState::restarting:
+    case RecorderState::resuming:
+    case RecorderState::thermalWarning:
+    case RecorderState::lowPowerMode:
+        // Only the user's resume leaves an interruption, so a "recording" report changes nothing here.
+        break;
+    }
+    notifyTick();
+}
+
+void RecordingCoordinator::handleAudioError(const AudioErrorEvent& event) {
+    log(LogLevel::error, "audio error " + event.code + ": " + event.message);
+    if (event.code == "SILENT_AUDIO_DETECTED") {
+        {
+            std::lock_guard lock(mutex_);
+            warnings_.noAudio = true;
+        }
+        fire(RecordingEvent::noAudioWarning());
+    } else if (event.code == "ENGINE_STALLED_PERMANENT") {
+        fire(RecordingEvent::fatalError());
+    } else if (event.code == "NO_MICROPHONE_INPUT") {
+        {
+            std::lock_guard lock(mutex_);
+            warnings_.deviceWarning = "Geen microfooninvoer — kies een andere microfoon.";
+        }
+        fire(RecordingEvent::deviceWarning());
+    } else if (event.code == "SYSTEM_AUDIO_TAP_UNAVAILABLE") {
+        // The recording goes on with the microphone alone.
+        std::lock_guard lock(mutex_);
+        warnings_.systemAudioFallback = true;
+    } else {
+        {
+            std::lock_guard lock(mutex_);
+            warnings_.deviceWarning = event.message;
+        }
+        fire(RecordingEvent::deviceWarning());
+    }
+    notifyTick();
+}
+
+void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
+    // Uploads change no phase: going offline is learned from the recorder, not from failed uploads.
+    switch (event.kind) {
+    case NativeUploadEventKind::uploaded:
+        if (event.sequence) {
+            {
+                std::lock_guard lock(mutex_);
+                localUploaded_.insert(*event.sequence);
+            }
+            diagnostics_->chunkUploaded();
+        }
+        break;
+    case NativeUploadEventKind::failed:
+        if (event.sequence) {
+            log(LogLevel::warn, "chunk " + std::to_string(*event.sequence) +
+                                    " upload failed: " + event.message.value_or("-"));
+        }
+        break;
+    case NativeUploadEventKind::urlFetchFailed:
+        log(LogLevel::warn, "signed url fetch failed status=" +
+                                (event.statusCode ? std::to_string(*event.statusCode) : std::string("-")));
+        break;
+    default:
+        break;
+    }
+    notifyTick();
+}
+
+void RecordingCoordinator::startNoChunkWatchdog() {
+    startTask(
+        &RecordingCoordinator::noChunkWatchdogTask_,
+        [clock = clock_, seconds = timings_.noFirstChunkWarning](std::weak_ptr<RecordingCoordinator> weak) {
+            if (!sleepAndContinue(*clock, seconds)) {
+                return;
+            }
+            auto self = weak.lock();
+            if (!self) {
+                return;
+            }
+            bool silent = false;
+            {
+                std::lock_guard lock(self->mutex_);
+                silent = isCapturing(self->machine_.phase()) && self->receivedSequences_.empty();
+                if (silent) {
+                    self->warnings_.noAudio = true;
+                }
+            }
+            if (silent) {
+                self->fire(RecordingEvent::noAudioWarning());
+                self->log(LogLevel::warn,
+                          "no first chunk after " + std::to_string(static_cast<long long>(seconds)) + "s");
+                self->notifyTick();
+            }
+        });
+}
+
+void RecordingCoordinator::pauseRecording() {
+    auto now = clock_->now();
+    RecordingManifest manifest;
+    {
+        std::lock_guard lock(mutex_);
+        if (!recordingId_) {
+            return;
+        }
+        manifest.recordingId = *recordingId_;
+        manifest.recordingSecret = recordingSecret_;
+        manifest.startedAt = startedAt_.value_or(now);
+        manifest.totalPausedMs = totalPausedMs_;
+        if (context_) {
+            manifest.meetingName = context_->meetingName;
+            manifest.userId = context_->user.id;
+        }
+    }
+    // Saved before the recorder is told, so that a crash during the pause call recovers as a pause.
+    manifest.stage = RecordingManifest::Stage::active;
+    manifest.isPaused = true;
+    manifest.pausedAt = now;
+    recoveryStore_->save(manifest);
+    try {
+        recorder_->pause();
+    } catch (const std::exception& e) {
+        manifest.isPaused = false;
+        manifest.pausedAt.reset();
+        recoveryStore_->save(manifest);
+        log(LogLevel::error, std::string("native pause failed: ") + e.what());
+        notifyTick();
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        pauseStartedAt_ = clock_->now();
+    }
+    cancelTask(&RecordingCoordinator::noChunkWatchdogTask_);
+    fire(RecordingEvent::userPaused());
+    log(LogLevel::info, "user paused");
+    sendPauseHeartbeat();
+    startHeartbeatLoop();
+    startMaxPauseTimer();
+    notifyTick();
+}
+
+void RecordingCoordinator::sendPauseHeartbeat() {
+    std::string recordingId;
+    std::string userId;
+    double pausedMs = 0;
+    {
+        auto now = clock_->now();
+        std::lock_guard lock(mutex_);
+        if (!recordingId_ || !context_) {
+            return;
+        }
+        recordingId = *recordingId_;
+        userId = context_->user.id;
+        pausedMs = pausedMsLocked(now);
+    }
+    DiagnosticsCollector::PayloadInput input;
+    input.failedChunks = sequencesOf(uploader_->failedChunks());
+    input.uploadedCount = static_cast<int>(uploader_->uploadedSequences().size());
+    input.extraIsPaused = true;
+    input.totalPausedMs = pausedMs;
+    sendDiagnostics(recordingId, userId, input);
+}
+
+void RecordingCoordinator::startHeartbeatLoop() {
+    startTask(&RecordingCoordinator::heartbeatTask_, [clock = clock_, interval = timings_.heartbeatInterval](
+                                                         std::weak_ptr<RecordingCoordinator> weak) {
+        for (;;) {
+            if (!sleepAndContinue(*clock, interval)) {
+                return;
+            }
+            auto self = weak.lock();
+            if (!self) {
+                return;
+            }
+            auto phase = self->phase();
+            if (phase != RecordingPhase::pausedUser && phase != RecordingPhase::resumeFailed) {
+                return;
+            }
+            self->sendPauseHeartbeat();
+        }
+    });
+}
+
+void RecordingCoordinator::startMaxPauseTimer() {
+    startTask(&RecordingCoordinator::maxPauseTask_, [clock = clock_, maxPause = timings_.maxPause](
+                                                        std::weak_ptr<RecordingCoordinator> weak) {
+        if (!sleepAndContinue(*clock, maxPause)) {
+            return;
+        }
+        auto self = weak.lock();
+        if (!self || self->phase() != RecordingPhase::pausedUser) {
+            return;
+        }
+        self->log(LogLevel::warn, "max pause exceeded — auto safe stop");
+        // The stop cancels this timer's own task; it runs on a task of its own so that the
+        // recorder's stop is not made to wake up cancelled.
+        self->startTask(&RecordingCoordinator::autoStopTask_, [](std::weak_ptr<RecordingCoordinator> w) {
+            if (auto coordinator = w.lock()) {
+                coordinator->stopFromPause();
+            }
+        });
+    });
+}
+
+void RecordingCoordinator::resumeRecording() {
+    if (!fire(RecordingEvent::userResumedRequested())) {
+        return;
+    }
+    cancelTask(&RecordingCoordinator::heartbeatTask_);
+    cancelTask(&RecordingCoordinator::maxPauseTask_);
+    try {
+        recorder_->resume();
+    } catch (const std::exception& e) {
+        // The failed attempt counts as pause: pauseStartedAt keeps running. Only the user moves on.
+        log(LogLevel::error, std::string("resume failed: ") + e.what());
+        fire(RecordingEvent::resumeFailedTerminal());
+        startHeartbeatLoop();
+        if (auto manifest = recoveryStore_->load()) {
+            manifest->isPaused = true;
+            recoveryStore_->save(*manifest);
+        }
+        notifyTick();
+        return;
+    }
+    double total = 0;
+    {
+        auto now = clock_->now();
+        std::lock_guard lock(mutex_);
+        if (pauseStartedAt_) {
+            totalPausedMs_ += millisecondsBetween(*pauseStartedAt_, now);
+            pauseStartedAt_.reset();
+        }
+        total = totalPausedMs_;
+    }
+    if (auto manifest = recoveryStore_->load()) {
+        manifest->isPaused = false;
+        manifest->pausedAt.reset();
+        manifest->totalPausedMs = total;
+        recoveryStore_->save(*manifest);
+    }
+    fire(RecordingEvent::resumeSucceeded());
+    startNoChunkWatchdog();
+    log(LogLevel::info, "resumed");
+    notifyTick();
+}
+
+void RecordingCoordinator::stopFromPause() {
+    cancelTask(&RecordingCoordinator::heartbeatTask_);
+    cancelTask(&RecordingCoordinator::maxPauseTask_);
+    {
+        auto now = clock_->now();
+        std::lock_guard lock(mutex_);
+        if (pauseStartedAt_) {
+            totalPausedMs_ += millisecondsBetween(*pauseStartedAt_, now);
+            pauseStartedAt_.reset();
+        }
+    }
+    if (fire(RecordingEvent::stopWhilePaused())) {
+        performStop();
+    }
+}
+
+// A failing switch is dropped: the recorder's own route change or audio error tells the truth.
+void RecordingCoordinator::switchMicrophone(const std::string& deviceId) {
+    try {
+        recorder_->switchMicrophone(deviceId);
+    } catch (...) {
+    }
+    log(LogLevel::info, "switched microphone to " + deviceId);
+    notifyTick();
+}
+
+void RecordingCoordinator::switchOutput(const std::string& deviceId) {
+    try {
+        recorder_->switchOutputDevice(deviceId);
+    } catch (...) {
+    }
+    log(LogLevel::info, "switched output to " + deviceId);
+    notifyTick();
+}
+
+void RecordingCoordinator::switchSystemAudio(SystemAudioMode mode,
+                                             const std::optional<std::string>& targetId) {
+    try {
+        recorder_->switchSystemAudioSource(mode, targetId);
+    } catch (...) {
+    }
+    log(LogLevel::info, "switched system audio to " + std::string(toRaw(mode)));
+    notifyTick();
+}
+
+} // namespace kavelo

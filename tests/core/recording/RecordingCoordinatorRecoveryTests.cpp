@@ -1,0 +1,140 @@
+#include "CoordinatorFixture.h"
+
+using namespace kavelo;
+using namespace kavelo::testing;
+using P = RecordingPhase;
+using Decision = RecordingCoordinator::RecoveryDecision;
+
+class CoordinatorRecoveryTest : public CoordinatorFixture {
+  public:
+    void SetUp() override {
+        build();
+        coordinator->sessionDidSignIn();
+    }
+
+    RecordingManifest manifest(RecordingManifest::Stage stage) {
+        RecordingManifest m;
+        m.version = 7; // not compared
+        m.recordingId = "rec-old";
+        m.recordingSecret = "secret-old";
+        m.stage = stage;
+        m.startedAt = addSeconds(clock->now(), -600);
+        m.totalPausedMs = 1000;
+        m.meetingName = "Oud overleg";
+        m.userId = "someone-else"; // not compared either
+        return m;
+    }
+
+    AuthUser user() {
+        AuthUser u;
+        u.id = "user-1";
+        u.email = "host@example.com";
+        return u;
+    }
+};
+
+TEST_F(CoordinatorRecoveryTest, NothingToRecoverOrNotIdleLeavesEverythingAlone) {
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::none());
+    EXPECT_TRUE(uploader->configurations().empty());
+
+    recovery->save(manifest(RecordingManifest::Stage::active));
+    coordinator->sessionDidSignOut();
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::none());
+    EXPECT_TRUE(recovery->load().has_value()) << "the manifest waits for the next sign-in";
+    EXPECT_TRUE(uploader->configurations().empty());
+}
+
+TEST_F(CoordinatorRecoveryTest, AnActiveRecordingComesBackRunningWithItsChunksRequeued) {
+    recovery->save(manifest(RecordingManifest::Stage::active));
+    chunkStore->store("rec-old", 2, Bytes(8, 1));
+    chunkStore->store("rec-old", 3, Bytes(8, 1));
+
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::resumedActive(false));
+    EXPECT_EQ(coordinator->phase(), P::recording);
+    EXPECT_EQ(coordinator->currentRecordingId(), "rec-old");
+    EXPECT_EQ(coordinator->outputLanguage(), "nl");
+    // The time since the crash counts as active: ten minutes less the second of pause.
+    EXPECT_EQ(coordinator->elapsedActiveSeconds(), 599);
+    auto configured = uploader->configurations();
+    ASSERT_EQ(configured.size(), 1u);
+    EXPECT_EQ(configured[0].recordingSecret, "secret-old");
+    EXPECT_EQ(configured[0].authToken, "token-1");
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{2, 3}}));
+    auto syncs = api->syncs();
+    ASSERT_EQ(syncs.size(), 1u);
+    EXPECT_EQ(syncs[0].diagnostics.recoveryMarker, "relaunch_active");
+    EXPECT_EQ(syncs[0].diagnostics.recordingId, "rec-old");
+    EXPECT_EQ(syncs[0].userId, "user-1");
+
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::none())
+        << "a second call finds no idle";
+}
+
+TEST_F(CoordinatorRecoveryTest, APauseIsKeptUpToItsLimitAndGivenUpAfter) {
+    auto m = manifest(RecordingManifest::Stage::active);
+    m.isPaused = true;
+    m.pausedAt = addSeconds(clock->now(), -7201);
+    recovery->save(m);
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::discardedExpired());
+    EXPECT_EQ(coordinator->phase(), P::idle);
+    EXPECT_FALSE(recovery->load().has_value());
+    EXPECT_TRUE(logged("recovered pause older than max — discarding to stopped flow"));
+
+    m.pausedAt = addSeconds(clock->now(), -7200);
+    recovery->save(m);
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::resumedActive(true));
+    EXPECT_EQ(coordinator->phase(), P::pausedUser);
+    EXPECT_EQ(coordinator->timerAnchor()->pausedAt, m.pausedAt);
+    // The heartbeat and a fresh maximum pause run again.
+    waitForSleepersExactly(2);
+    clock->advance(60);
+    EXPECT_EQ(api->syncs().size(), 2u) << "the relaunch's own sync, then one heartbeat";
+}
+
+TEST_F(CoordinatorRecoveryTest, ARecorderStillPausedInThisProcessDecidesWithoutAddingPauseTime) {
+    StartRecordingInput input;
+    input.recordingId = "rec-old";
+    mock->start(input);
+    mock->pause();
+    recovery->save(manifest(RecordingManifest::Stage::active));
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::resumedActive(true));
+    EXPECT_EQ(coordinator->phase(), P::pausedUser);
+    EXPECT_FALSE(coordinator->timerAnchor()->pausedAt.has_value());
+}
+
+TEST_F(CoordinatorRecoveryTest, AStoppedRecordingGoesToTheReviewWithMissingFilesCountedAsUploaded) {
+    auto m = manifest(RecordingManifest::Stage::stopped);
+    m.lastSequence = 5;
+    m.elapsedSeconds = 300;
+    recovery->save(m);
+    chunkStore->store("rec-old", 4, Bytes(8, 1));
+    chunkStore->store("rec-old", 5, Bytes(8, 1));
+
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(coordinator->phase(), P::processingMapping);
+    EXPECT_EQ(coordinator->lastSequence(), 5);
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{4, 5}}));
+    EXPECT_EQ(uploader->acks(), (std::vector<std::vector<int>>{{1, 2, 3}}));
+    EXPECT_EQ(coordinator->uploadedSequences(), (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(coordinator->share().hostEmail(), "host@example.com");
+    auto syncs = api->syncs();
+    ASSERT_EQ(syncs.size(), 1u);
+    EXPECT_EQ(syncs[0].diagnostics.recoveryMarker, "relaunch_stopped");
+    EXPECT_EQ(syncs[0].diagnostics.lastSequence, 5);
+    EXPECT_TRUE(recovery->load().has_value());
+
+    // The processing screen runs as after a stop; the final chunk was never seen in this process, so the
+    // mapping's upload wait (chunks 4 and 5 are not on the server) holds it until the chunk failsafe.
+    waitForSleepersExactly(2); // the processing sequence and the mapping's upload wait
+    clock->advance(9.05);
+    waitForPhase(P::speakerReview);
+    EXPECT_EQ(coordinator->speakerList().speakers.size(), 1u);
+    EXPECT_TRUE(logged("processing failsafe: chunk completion not done after 8s"));
+}
+
+TEST_F(CoordinatorRecoveryTest, AStoppedRecordingWithoutALastSequenceAcknowledgesNothing) {
+    recovery->save(manifest(RecordingManifest::Stage::stopped));
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_TRUE(uploader->acks().empty());
+    EXPECT_EQ(coordinator->phase(), P::processingMapping);
+}
