@@ -262,7 +262,9 @@ void AdminRoutes::install(httplib::Server& server, DevServerContext& ctx) {
                     HttpReply::json(res, 200, settingsJson(ctx));
                 }));
     server.Get("/__admin/requests", [&ctx](const Req& req, Res& res) {
-        HttpReply::json(res, 200, Json{{"requests", ctx.requests.toJson(param(req, "route"))}});
+        HttpReply::json(res, 200,
+                        Json{{"requests", ctx.requests.toJson(param(req, "route"))},
+                             {"peak_in_flight", ctx.requests.peakInFlight()}});
     });
     server.Delete("/__admin/requests", [&ctx](const Req&, Res& res) {
         ctx.requests.clear();

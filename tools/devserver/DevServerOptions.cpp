@@ -182,7 +182,8 @@ Admin API (no credentials; loopback only):
   POST /__admin/signed-urls/revoke
   GET|POST /__admin/settings     {"access_token_lifetime","signed_url_lifetime","meeting_row_delay",
                                   "mapping_delay","mapping_names","mapping_outcome"}
-  GET|DELETE /__admin/requests[?route=R]   the log of handled requests: route, method, path, status
+  GET|DELETE /__admin/requests[?route=R]   the log of handled requests (route, method, path, status)
+                                            and the most requests per route at once (peak_in_flight)
 )";
 }
 

@@ -1,5 +1,7 @@
 #include "tools/devserver/RequestLog.h"
 
+#include <algorithm>
+
 namespace kavelo {
 
 RequestLog::RequestLog(std::size_t capacity) : capacity_(capacity) {}
@@ -9,10 +11,24 @@ void RequestLog::setPrinter(Printer printer) {
     printer_ = std::move(printer);
 }
 
+void RequestLog::begin(const std::string& route) {
+    std::lock_guard lock(mutex_);
+    auto now = ++inFlight_[route];
+    peak_[route] = std::max(peak_[route], now);
+}
+
+std::map<std::string, int> RequestLog::peakInFlight() const {
+    std::lock_guard lock(mutex_);
+    return peak_;
+}
+
 void RequestLog::add(Entry entry) {
     Printer printer;
     {
         std::lock_guard lock(mutex_);
+        if (auto it = inFlight_.find(entry.route); it != inFlight_.end() && it->second > 0) {
+            --it->second;
+        }
         entry.number = next_++;
         entries_.push_back(entry);
         while (entries_.size() > capacity_) {
@@ -41,6 +57,7 @@ std::vector<RequestLog::Entry> RequestLog::entries(const std::optional<std::stri
 void RequestLog::clear() {
     std::lock_guard lock(mutex_);
     entries_.clear();
+    peak_.clear();
 }
 
 Json RequestLog::toJson(const std::optional<std::string>& route) const {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -32,17 +33,22 @@ class RequestLog {
 
     explicit RequestLog(std::size_t capacity = 20000);
     void setPrinter(Printer printer);
-    void add(Entry entry);
+    // Around the handling of one request, so that the most requests of a route at once can be read.
+    void begin(const std::string& route);
+    void add(Entry entry); // ends what begin() started
+    [[nodiscard]] std::map<std::string, int> peakInFlight() const;
     [[nodiscard]] std::vector<Entry> entries(const std::optional<std::string>& route = std::nullopt) const;
-    void clear();
+    void clear(); // also forgets the peaks
     [[nodiscard]] Json toJson(const std::optional<std::string>& route) const;
 
   private:
     const std::size_t capacity_;
     mutable std::mutex mutex_;
-    std::deque<Entry> entries_; // guarded by mutex_
-    std::uint64_t next_ = 1;    // guarded by mutex_
-    Printer printer_;           // guarded by mutex_
+    std::deque<Entry> entries_;           // guarded by mutex_
+    std::uint64_t next_ = 1;              // guarded by mutex_
+    Printer printer_;                     // guarded by mutex_
+    std::map<std::string, int> inFlight_; // guarded by mutex_
+    std::map<std::string, int> peak_;     // guarded by mutex_
 };
 
 } // namespace kavelo

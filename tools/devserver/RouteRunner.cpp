@@ -12,6 +12,7 @@ RouteRunner::RouteRunner(FaultInjector& faults, RequestLog& log, ShutdownSignal&
 
 RouteRunner::Handler RouteRunner::wrap(const std::string& route, Handler handler) const {
     return [this, route, handler = std::move(handler)](const httplib::Request& req, httplib::Response& res) {
+        log_.begin(route);
         auto decision = faults_.decide(route);
         if (decision.latencyMs > 0) {
             shutdown_.waitFor(decision.latencyMs);
