@@ -165,8 +165,9 @@ Served routes:
   POST functions/v1/{generate-upload-urls, init-recording, list-recording-chunks, finalize-recording,
                      early-speaker-mapping, oauth-prepare, oauth-mobile-exchange, confirm-account-link}
   PUT  storage/v1/object/upload/sign/<bucket>/<path>?token=...   (signed upload; x-upsert false: 409)
-  POST storage/v1/object/<bucket>/<path>                          (apikey and bearer; x-upsert true)
-  GET  rest/v1/{meetings, profiles}  PATCH rest/v1/profiles       (select, filters eq/neq/in/is, order, limit)
+  POST storage/v1/object/<bucket>/<path>                          (apikey and bearer; x-upsert true overwrites)
+  GET  rest/v1/{meetings, profiles}  PATCH rest/v1/profiles       (select, order, limit; filters eq, neq, gt,
+                                                                  gte, lt, lte, like, ilike, in, is, not.)
   POST auth/v1/token?grant_type={password, refresh_token}, auth/v1/signup, auth/v1/logout
   GET/PUT auth/v1/user   GET auth/v1/authorize (the pretend provider's consent)
 
