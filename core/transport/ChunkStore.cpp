@@ -15,6 +15,13 @@ std::string ChunkStore::safeRecordingId(const std::string& recordingId) {
     std::string safe = recordingId;
     std::replace(safe.begin(), safe.end(), '/', '_');
     std::replace(safe.begin(), safe.end(), ':', '_');
+    std::replace_if(
+        safe.begin(), safe.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, '_');
+    // A backend answer must never name the store's own directory or its parent: removeAll on such an id
+    // would delete far more than one recording's audio.
+    if (safe.empty() || safe == "." || safe == "..") {
+        safe = std::string("_").append(safe);
+    }
     return safe;
 }
 
@@ -26,6 +33,18 @@ std::string ChunkStore::filename(int sequence) {
 
 std::filesystem::path ChunkStore::chunkDirectory(const std::string& recordingId) const {
     return root_ / "kavelo_chunks" / safeRecordingId(recordingId) / "chunks";
+}
+
+std::vector<std::string> ChunkStore::storedRecordings() const {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(root_ / "kavelo_chunks", error)) {
+        if (entry.is_directory(error)) {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 std::filesystem::path ChunkStore::chunkURL(const std::string& recordingId, int sequence) const {

@@ -25,6 +25,8 @@ class ChunkStore {
     static std::string filename(int sequence);
 
     [[nodiscard]] std::filesystem::path chunkDirectory(const std::string& recordingId) const;
+    // The directory names of the recordings that have a chunk directory, sorted; for status displays.
+    [[nodiscard]] std::vector<std::string> storedRecordings() const;
     [[nodiscard]] std::filesystem::path chunkURL(const std::string& recordingId, int sequence) const;
 
     // Throws std::filesystem::filesystem_error (or std::system_error) unchanged.

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "core/transport/UploadWorker.h"
+
+#include <memory>
+
+namespace kavelo::cli {
+
+// Passes every call to the real upload worker and shows each of its events to the command line before
+// the coordinator's handler gets it.
+class ObservingUploadWorker final : public UploadWorker {
+  public:
+    ObservingUploadWorker(std::shared_ptr<UploadWorker> inner, EventHandler observer);
+
+    void configure(const std::string& recordingId, const std::optional<std::string>& recordingSecret,
+                   const std::string& supabaseUrl, const std::string& anonKey,
+                   const std::optional<std::string>& authToken) override {
+        inner_->configure(recordingId, recordingSecret, supabaseUrl, anonKey, authToken);
+    }
+    void enqueue(const Bytes& data, int sequence, bool isFinal, double sampleRate, int channels) override {
+        inner_->enqueue(data, sequence, isFinal, sampleRate, channels);
+    }
+    void scheduleDrain() override { inner_->scheduleDrain(); }
+    void acceptServerAcks(const std::vector<int>& sequences) override { inner_->acceptServerAcks(sequences); }
+    void requeue(const std::vector<int>& sequences) override { inner_->requeue(sequences); }
+    void retryFailed() override { inner_->retryFailed(); }
+    void updateAuthToken(const std::optional<std::string>& token) override { inner_->updateAuthToken(token); }
+    [[nodiscard]] std::vector<int> uploadedSequences() const override { return inner_->uploadedSequences(); }
+    [[nodiscard]] std::vector<int> pendingSequences() const override { return inner_->pendingSequences(); }
+    [[nodiscard]] std::vector<FailedChunk> failedChunks() const override { return inner_->failedChunks(); }
+    void setOnEvent(EventHandler handler) override;
+
+  private:
+    std::shared_ptr<UploadWorker> inner_;
+    const EventHandler observer_;
+};
+
+} // namespace kavelo::cli
