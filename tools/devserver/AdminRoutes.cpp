@@ -127,7 +127,7 @@ void installFaults(httplib::Server& server, DevServerContext& ctx) {
         ctx.faults.clear();
         HttpReply::json(res, 200, Json{{"ok", true}});
     });
-    server.Delete(R"(/__admin/faults/(\d+))", [&ctx](const Req& req, Res& res) {
+    server.Delete(R"(/__admin/faults/(\d{1,9}))", [&ctx](const Req& req, Res& res) {
         bool removed = ctx.faults.remove(std::stoi(req.matches[1].str()));
         HttpReply::json(res, removed ? 200 : 404, Json{{"ok", removed}});
     });

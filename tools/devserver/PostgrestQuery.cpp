@@ -33,24 +33,31 @@ std::string lowered(std::string text) {
     return text;
 }
 
-// PostgREST writes the LIKE wildcard % as * in URLs; both are accepted.
-bool likeMatch(const std::string& text, const std::string& pattern, std::size_t t = 0, std::size_t p = 0) {
-    while (p < pattern.size()) {
-        if (pattern[p] == '*' || pattern[p] == '%') {
-            for (std::size_t k = t; k <= text.size(); ++k) {
-                if (likeMatch(text, pattern, k, p + 1)) {
-                    return true;
-                }
-            }
+// PostgREST writes the LIKE wildcard % as * in URLs; both are accepted. Linear in practice: on a mismatch
+// only the last wildcard is widened, so no pattern from the network can make it explode.
+bool likeMatch(const std::string& text, const std::string& pattern) {
+    std::size_t t = 0;
+    std::size_t p = 0;
+    std::size_t starP = std::string::npos;
+    std::size_t starT = 0;
+    while (t < text.size()) {
+        if (p < pattern.size() && (pattern[p] == '*' || pattern[p] == '%')) {
+            starP = p++;
+            starT = t;
+        } else if (p < pattern.size() && (pattern[p] == '_' || pattern[p] == text[t])) {
+            ++p;
+            ++t;
+        } else if (starP != std::string::npos) {
+            p = starP + 1;
+            t = ++starT;
+        } else {
             return false;
         }
-        if (t >= text.size() || (pattern[p] != '_' && pattern[p] != text[t])) {
-            return false;
-        }
-        ++t;
+    }
+    while (p < pattern.size() && (pattern[p] == '*' || pattern[p] == '%')) {
         ++p;
     }
-    return t == text.size();
+    return p == pattern.size();
 }
 
 std::string textOf(const Json& value) {
@@ -124,7 +131,10 @@ PostgrestQuery PostgrestQuery::parse(const std::multimap<std::string, std::strin
                 }
             }
         } else if (key == "limit") {
-            if (value.empty() || !std::all_of(value.begin(), value.end(), ::isdigit) || value.size() > 9) {
+            if (value.empty() ||
+                !std::all_of(value.begin(), value.end(),
+                             [](unsigned char c) { return std::isdigit(c) != 0; }) ||
+                value.size() > 9) {
                 throw PostgrestError("PGRST102", "limit must be a non-negative integer");
             }
             query.limit = static_cast<std::size_t>(std::stoul(value));
