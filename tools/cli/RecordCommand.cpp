@@ -115,7 +115,7 @@ Composed compose(const CliArguments& args, const ReviewChoices& choices) {
         });
     };
     Composed composed;
-    composed.context = std::make_unique<CliContext>(args, std::move(options));
+    composed.context = std::make_unique<CliContext>(args, true, std::move(options));
     composed.driver = std::make_unique<RoadDriver>(*composed.context, choices);
     *slot = composed.driver.get();
     composed.driver->attach();
