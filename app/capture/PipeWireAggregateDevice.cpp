@@ -94,6 +94,11 @@ struct PipeWireAggregateDevice::Graph {
         if (loop != nullptr) {
             pw_thread_loop_stop(loop);
         }
+        // Our hooks leave their objects' lists before the objects go, so that no destroy event reaches
+        // a half-destroyed graph and no list keeps a pointer into it.
+        for (auto* hook : {&filterListener, &metadataListener, &registryListener, &coreListener}) {
+            spa_hook_remove(hook);
+        }
         for (auto* link : links) {
             pw_proxy_destroy(link);
         }

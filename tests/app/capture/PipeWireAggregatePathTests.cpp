@@ -23,32 +23,6 @@ namespace {
 
 using Seconds = std::chrono::duration<double>;
 
-// A stretch of 48 kHz mono samples, analysed like a decoded chunk.
-DecodedAudio analysed(std::vector<float> samples) {
-    DecodedAudio audio;
-    audio.ok = true;
-    audio.sampleRate = 48000;
-    audio.channels = 1;
-    audio.samples = std::move(samples);
-    return audio;
-}
-
-// The last `seconds` of a decoded stream.
-DecodedAudio tail(const DecodedAudio& audio, double seconds) {
-    const auto n = std::min(audio.samples.size(), std::size_t(seconds * audio.sampleRate));
-    return analysed(std::vector<float>(audio.samples.end() - long(n), audio.samples.end()));
-}
-
-// The part of a decoded stream that was encoded while the byte count went from `from` to `to` (of `total`),
-// less half a second at either end, for the encoder's own delay and the rebuild's pause.
-DecodedAudio between(const DecodedAudio& audio, long long from, long long to, long long total) {
-    const double perByte = double(audio.samples.size()) / double(total);
-    const auto margin = long(audio.sampleRate / 2);
-    const auto begin = std::min(long(audio.samples.size()), long(double(from) * perByte) + margin);
-    const auto end = std::max(begin, long(double(to) * perByte) - margin);
-    return analysed(std::vector<float>(audio.samples.begin() + begin, audio.samples.begin() + end));
-}
-
 // The first module number that "pactl load-module" printed.
 std::string moduleNumber(const std::string& output) {
     return output.substr(0, output.find('\n'));
@@ -250,8 +224,8 @@ TEST_F(PipeWireAggregatePathTest, OneGraphDeliversEachSourceOnItsOwnSideSystemFi
     EXPECT_FALSE(tap.framesDiffered);
     EXPECT_EQ(tap.mic.size(), tap.system.size());
     // Each side carries its own tone only: the monitor is not the microphone, nor the reverse.
-    auto mic = analysed(tap.mic);
-    auto system = analysed(tap.system);
+    auto mic = DecodedAudio::ofSamples(tap.mic);
+    auto system = DecodedAudio::ofSamples(tap.system);
     EXPECT_GT(mic.toneLevel(440), 0.2);
     EXPECT_LT(mic.toneLevel(1000), 0.02);
     EXPECT_GT(system.toneLevel(1000), 0.2);
@@ -301,10 +275,10 @@ TEST_F(PipeWireAggregatePathTest, LosingTheSystemOutputNeverCostsTheMicrophone) 
     std::fprintf(stderr, "longest microphone gap around the lost output: %.0f ms\n", gap.count() * 1000);
 
     std::lock_guard lock(tap.mutex);
-    auto micAfter = analysed({tap.mic.begin() + long(micBefore), tap.mic.end()});
+    auto micAfter = DecodedAudio::ofSamples({tap.mic.begin() + long(micBefore), tap.mic.end()});
     EXPECT_GT(micAfter.toneLevel(440), 0.2);
     // The call's stream follows the new default output, and the rebuilt graph hears it there again.
-    auto systemAfter = analysed({tap.system.begin() + long(systemBefore), tap.system.end()});
+    auto systemAfter = DecodedAudio::ofSamples({tap.system.begin() + long(systemBefore), tap.system.end()});
     EXPECT_GT(systemAfter.toneLevel(1000), 0.2);
     // The rebuild waits one second before it builds the graph on the new default output; that pause is
     // all the microphone loses.
@@ -346,10 +320,11 @@ TEST_F(PipeWireAggregatePathTest, RecordingOutlivesALostOutputAndDefaultDeviceCh
     EXPECT_TRUE(chunks.back().isFinal);
     auto decoded = decodedChunks();
     ASSERT_TRUE(decoded.ok);
-    EXPECT_GT(between(decoded, lostAt, headsetAt, recorder->runtimeState().totalBytesEncoded).toneLevel(440),
-              0.2)
+    EXPECT_GT(
+        decoded.encodedBetween(lostAt, headsetAt, recorder->runtimeState().totalBytesEncoded).toneLevel(440),
+        0.2)
         << "the microphone was lost with the output";
-    auto last = tail(decoded, 1.5);
+    auto last = decoded.tail(1.5);
     EXPECT_GT(last.toneLevel(660), 0.2) << "the new default microphone is not recorded";
     EXPECT_GT(last.toneLevel(1500), 0.2) << "the new default output is not recorded";
     EXPECT_LT(last.toneLevel(440), 0.02) << "the old microphone is still recorded";
