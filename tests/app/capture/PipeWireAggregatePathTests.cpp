@@ -252,6 +252,49 @@ TEST_F(PipeWireAggregatePathTest, OneGraphDeliversEachSourceOnItsOwnSideSystemFi
     EXPECT_LT(system.toneLevel(440), 0.02);
 }
 
+// The lag (in samples, positive when b trails a) at which b best matches a, within maxLag.
+long bestLag(const std::vector<float>& a, const std::vector<float>& b, std::size_t from, std::size_t length,
+             long maxLag) {
+    long best = 0;
+    double bestScore = -1;
+    for (long lag = -maxLag; lag <= maxLag; ++lag) {
+        double score = 0;
+        for (std::size_t i = from; i < from + length; ++i) {
+            const auto j = long(i) + lag;
+            if (j >= 0 && std::size_t(j) < b.size()) {
+                score += double(a[i]) * double(b[std::size_t(j)]);
+            }
+        }
+        if (score > bestScore) {
+            bestScore = score;
+            best = lag;
+        }
+    }
+    return best;
+}
+
+TEST_F(PipeWireAggregatePathTest, MicrophoneAndSystemAudioShareOneClock) {
+    // The default output is the sink the microphone hears, so both sides carry the same speech; in one
+    // graph they must stay aligned to within the microphone route's own buffering.
+    voice.reset();
+    daemon->pactl("set-default-sink micfeed");
+    EngineTap tap;
+    auto engine = makeEngine(tap);
+    engine->start();
+    ASSERT_TRUE(engine->waitForFirstAudio(5));
+    extraPlaybacks.push_back(
+        daemon->play("micfeed", daemon->speech("Goedemorgen allemaal, we beginnen met de "
+                                               "notulen van de vorige vergadering.")));
+    ASSERT_TRUE(tap.waitForSoundOnBothSides(2.0)) << "the speech never arrived";
+    engine->stop();
+    std::lock_guard lock(tap.mutex);
+    const auto from = std::max(*tap.micSoundFrom, *tap.systemSoundFrom) + 4800;
+    const auto length = std::min<std::size_t>(24000, tap.mic.size() - from - 4800);
+    const auto lag = bestLag(tap.system, tap.mic, from, length, 4800);
+    std::fprintf(stderr, "microphone trails system audio by %ld samples (%.1f ms)\n", lag, lag / 48.0);
+    EXPECT_LE(std::labs(lag), 2048) << "more than two cycles apart";
+}
+
 TEST_F(PipeWireAggregatePathTest, RecorderTakesTheAggregatePathAndBothTonesReachTheChunks) {
     play("meeting", 1000);
     auto recorder = makeRecorder();
