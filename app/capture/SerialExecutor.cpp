@@ -4,14 +4,14 @@
 
 namespace kavelo {
 
-SerialExecutor::SerialExecutor() : thread_([this] { run(); }) {}
+SerialExecutor::SerialExecutor() : thread_([state = state_] { run(state); }) {}
 
 SerialExecutor::~SerialExecutor() {
     {
-        std::lock_guard lock(mutex_);
-        closing_ = true;
+        std::lock_guard lock(state_->mutex);
+        state_->closing = true;
     }
-    changed_.notify_all();
+    state_->changed.notify_all();
     if (isCurrent()) {
         thread_.detach();
     } else {
@@ -21,10 +21,10 @@ SerialExecutor::~SerialExecutor() {
 
 void SerialExecutor::post(std::function<void()> job) {
     {
-        std::lock_guard lock(mutex_);
-        jobs_.push_back(std::move(job));
+        std::lock_guard lock(state_->mutex);
+        state_->jobs.push_back(std::move(job));
     }
-    changed_.notify_one();
+    state_->changed.notify_one();
 }
 
 void SerialExecutor::sync(const std::function<void()>& job) {
@@ -40,17 +40,17 @@ void SerialExecutor::sync(const std::function<void()>& job) {
     done.get_future().get();
 }
 
-void SerialExecutor::run() {
+void SerialExecutor::run(const std::shared_ptr<State>& state) {
     for (;;) {
         std::function<void()> job;
         {
-            std::unique_lock lock(mutex_);
-            changed_.wait(lock, [&] { return closing_ || !jobs_.empty(); });
-            if (jobs_.empty()) {
+            std::unique_lock lock(state->mutex);
+            state->changed.wait(lock, [&] { return state->closing || !state->jobs.empty(); });
+            if (state->jobs.empty()) {
                 return;
             }
-            job = std::move(jobs_.front());
-            jobs_.pop_front();
+            job = std::move(state->jobs.front());
+            state->jobs.pop_front();
         }
         job();
     }

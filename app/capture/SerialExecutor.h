@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -10,6 +11,10 @@ namespace kavelo {
 
 // A serial queue on a thread of its own: jobs run one at a time in the order posted. What only this
 // queue's jobs touch needs no lock.
+//
+// The queue may be destroyed by one of its own jobs (a job that drops the last reference to the owner):
+// its thread is then detached and finishes the remaining jobs on the shared state, which outlives the
+// executor.
 class SerialExecutor {
   public:
     SerialExecutor();
@@ -24,12 +29,15 @@ class SerialExecutor {
     [[nodiscard]] bool isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
 
   private:
-    void run();
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::deque<std::function<void()>> jobs; // guarded by mutex
+        bool closing = false;                   // guarded by mutex
+    };
+    static void run(const std::shared_ptr<State>& state);
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::function<void()>> jobs_; // guarded by mutex_
-    bool closing_ = false;                   // guarded by mutex_
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
     std::thread thread_;
 };
 

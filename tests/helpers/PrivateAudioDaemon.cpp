@@ -2,6 +2,7 @@
 
 #include "core/support/AtomicFile.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -273,11 +274,23 @@ std::unique_ptr<PrivateAudioDaemon::Playback> PrivateAudioDaemon::play(const std
         argv.push_back(a.data());
     }
     argv.push_back(nullptr);
+    // On a loaded machine paplay may take a second to connect; a recording that starts before its stream
+    // exists would measure the tone over a stretch of silence. So this returns once the server lists one
+    // playback stream more (or after five seconds).
+    auto streams = [] {
+        auto out = shell("pactl list short sink-inputs").first;
+        return std::count(out.begin(), out.end(), '\n');
+    };
+    const auto before = streams();
     pid_t pid = 0;
     if (posix_spawnp(&pid, "paplay", nullptr, nullptr, argv.data(), environ) != 0) {
         throw std::runtime_error("paplay did not start");
     }
-    return std::make_unique<Playback>(pid);
+    auto playback = std::make_unique<Playback>(pid);
+    for (int i = 0; i < 200 && streams() <= before; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    return playback;
 }
 
 PrivateAudioDaemon::Playback::~Playback() {

@@ -108,7 +108,12 @@ class EngineFixture : public ::testing::Test {
             std::count_if(logs.begin(), logs.end(), [&](const auto& l) { return l.rfind(prefix, 0) == 0; }));
     }
     void TearDown() override {
-        engine.reset(); // before the fields its log and handlers write to
+        // Stopped before the fields its log and handlers write to go: a job still queued may hold the
+        // engine a moment longer than this reference.
+        if (engine) {
+            engine->stop();
+        }
+        engine.reset();
     }
 
     std::shared_ptr<FakeAggregateDevice> device = std::make_shared<FakeAggregateDevice>();

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 
 using namespace kavelo;
@@ -42,11 +43,14 @@ struct EngineTap {
     std::vector<float> mic, system;
     std::string order; // 'S' for a system buffer, 'M' for a microphone buffer
     std::vector<std::chrono::steady_clock::time_point> micArrivals;
+    // Where each side first carried sound: playback may start a little after the capture.
+    std::optional<std::size_t> micSoundFrom, systemSoundFrom;
     bool framesDiffered = false;
     std::size_t lastSystemFrames = 0;
 
     void onSystem(const float* samples, std::size_t frames) {
         std::lock_guard lock(mutex);
+        noteSound(systemSoundFrom, system.size(), samples, frames);
         system.insert(system.end(), samples, samples + frames);
         order += 'S';
         lastSystemFrames = frames;
@@ -54,6 +58,7 @@ struct EngineTap {
     void onMic(const float* samples, std::size_t frames) {
         {
             std::lock_guard lock(mutex);
+            noteSound(micSoundFrom, mic.size(), samples, frames);
             mic.insert(mic.end(), samples, samples + frames);
             if (!order.empty() && order.back() == 'S' && lastSystemFrames != frames) {
                 framesDiffered = true;
@@ -62,6 +67,20 @@ struct EngineTap {
             micArrivals.push_back(std::chrono::steady_clock::now());
         }
         changed.notify_all();
+    }
+    static void noteSound(std::optional<std::size_t>& from, std::size_t offset, const float* samples,
+                          std::size_t frames) {
+        if (!from && std::any_of(samples, samples + frames, [](float s) { return std::abs(s) > 0.1f; })) {
+            from = offset;
+        }
+    }
+    // Waits (in real time, bounded) until both sides have carried sound for `seconds`.
+    bool waitForSoundOnBothSides(double seconds) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(20), [&] {
+            return micSoundFrom && systemSoundFrom &&
+                   double(mic.size() - std::max(*micSoundFrom, *systemSoundFrom)) >= seconds * 48000;
+        });
     }
     // Waits (in real time, bounded) until the microphone has brought `seconds` of audio in all.
     bool waitForMicSeconds(double seconds) {
@@ -207,7 +226,7 @@ TEST_F(PipeWireAggregatePathTest, OneGraphDeliversEachSourceOnItsOwnSideSystemFi
     const auto wallBefore = std::chrono::steady_clock::now();
     engine->start();
     ASSERT_TRUE(engine->waitForFirstAudio(5));
-    ASSERT_TRUE(tap.waitForMicSeconds(3));
+    ASSERT_TRUE(tap.waitForSoundOnBothSides(3)) << "a tone never arrived";
     engine->stop();
     const double cpu = cpuSeconds() - cpuBefore;
     const Seconds wall = std::chrono::steady_clock::now() - wallBefore;
@@ -224,12 +243,56 @@ TEST_F(PipeWireAggregatePathTest, OneGraphDeliversEachSourceOnItsOwnSideSystemFi
     EXPECT_FALSE(tap.framesDiffered);
     EXPECT_EQ(tap.mic.size(), tap.system.size());
     // Each side carries its own tone only: the monitor is not the microphone, nor the reverse.
-    auto mic = DecodedAudio::ofSamples(tap.mic);
-    auto system = DecodedAudio::ofSamples(tap.system);
+    const auto from = long(std::max(*tap.micSoundFrom, *tap.systemSoundFrom));
+    auto mic = DecodedAudio::ofSamples({tap.mic.begin() + from, tap.mic.end()});
+    auto system = DecodedAudio::ofSamples({tap.system.begin() + from, tap.system.end()});
     EXPECT_GT(mic.toneLevel(440), 0.2);
     EXPECT_LT(mic.toneLevel(1000), 0.02);
     EXPECT_GT(system.toneLevel(1000), 0.2);
     EXPECT_LT(system.toneLevel(440), 0.02);
+}
+
+// The lag (in samples, positive when b trails a) at which b best matches a, within maxLag.
+long bestLag(const std::vector<float>& a, const std::vector<float>& b, std::size_t from, std::size_t length,
+             long maxLag) {
+    long best = 0;
+    double bestScore = -1;
+    for (long lag = -maxLag; lag <= maxLag; ++lag) {
+        double score = 0;
+        for (std::size_t i = from; i < from + length; ++i) {
+            const auto j = long(i) + lag;
+            if (j >= 0 && std::size_t(j) < b.size()) {
+                score += double(a[i]) * double(b[std::size_t(j)]);
+            }
+        }
+        if (score > bestScore) {
+            bestScore = score;
+            best = lag;
+        }
+    }
+    return best;
+}
+
+TEST_F(PipeWireAggregatePathTest, MicrophoneAndSystemAudioShareOneClock) {
+    // The default output is the sink the microphone hears, so both sides carry the same speech; in one
+    // graph they must stay aligned to within the microphone route's own buffering.
+    voice.reset();
+    daemon->pactl("set-default-sink micfeed");
+    EngineTap tap;
+    auto engine = makeEngine(tap);
+    engine->start();
+    ASSERT_TRUE(engine->waitForFirstAudio(5));
+    extraPlaybacks.push_back(
+        daemon->play("micfeed", daemon->speech("Goedemorgen allemaal, we beginnen met de "
+                                               "notulen van de vorige vergadering.")));
+    ASSERT_TRUE(tap.waitForSoundOnBothSides(2.0)) << "the speech never arrived";
+    engine->stop();
+    std::lock_guard lock(tap.mutex);
+    const auto from = std::max(*tap.micSoundFrom, *tap.systemSoundFrom) + 4800;
+    const auto length = std::min<std::size_t>(24000, tap.mic.size() - from - 4800);
+    const auto lag = bestLag(tap.system, tap.mic, from, length, 4800);
+    std::fprintf(stderr, "microphone trails system audio by %ld samples (%.1f ms)\n", lag, lag / 48.0);
+    EXPECT_LE(std::labs(lag), 2048) << "more than two cycles apart";
 }
 
 TEST_F(PipeWireAggregatePathTest, RecorderTakesTheAggregatePathAndBothTonesReachTheChunks) {
