@@ -190,8 +190,10 @@ void AggregateCaptureEngine::teardown() {
     sysMix_ = {};
     micConverter_.reset();
     sysConverter_.reset();
-    isRunning_ = false;
-    log_("aggregate capture stopped");
+    // A stop after a failed rebuild, or a second stop, has nothing to report.
+    if (isRunning_.exchange(false)) {
+        log_("aggregate capture stopped");
+    }
 }
 
 // MARK: - IO (device worker thread)

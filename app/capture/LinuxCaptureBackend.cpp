@@ -96,16 +96,17 @@ SystemAudioStartResult LinuxCaptureBackend::startSystemAudio(SystemAudioMode mod
 }
 
 bool LinuxCaptureBackend::aggregatePathSupported() {
-    return false;
+    return PipeWireAggregateDevice::serverAnswers();
 }
 
-std::shared_ptr<AggregateCapture> LinuxCaptureBackend::makeAggregateCapture(std::optional<std::string>,
-                                                                            LogFunction) {
-    return nullptr;
+std::shared_ptr<AggregateCapture>
+LinuxCaptureBackend::makeAggregateCapture(std::optional<std::string> preferredMicrophone, LogFunction log) {
+    return AggregateCaptureEngine::make(std::make_shared<PipeWireAggregateDevice>(), clock_,
+                                        std::move(preferredMicrophone), std::move(log));
 }
 
 bool LinuxCaptureBackend::probeAudioCapture() {
-    return false;
+    return PipeWireAggregateDevice::canCaptureDefaultOutput();
 }
 
 } // namespace kavelo

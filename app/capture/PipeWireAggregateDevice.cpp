@@ -5,6 +5,7 @@
 #include <pipewire/pipewire.h>
 #include <spa/utils/result.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <map>
@@ -48,6 +49,7 @@ struct PortInfo {
     bool output = false;
     bool monitor = false;
     std::string channel;
+    std::string name;
 };
 
 // One cycle's samples, one run of `frames` floats per port.
@@ -91,6 +93,11 @@ struct PipeWireAggregateDevice::Graph {
     ~Graph() {
         if (loop != nullptr) {
             pw_thread_loop_stop(loop);
+        }
+        // Our hooks leave their objects' lists before the objects go, so that no destroy event reaches
+        // a half-destroyed graph and no list keeps a pointer into it.
+        for (auto* hook : {&filterListener, &metadataListener, &registryListener, &coreListener}) {
+            spa_hook_remove(hook);
         }
         for (auto* link : links) {
             pw_proxy_destroy(link);
@@ -208,6 +215,7 @@ void onGlobal(void* data, std::uint32_t id, std::uint32_t, const char* type, std
         port.output = property(props, PW_KEY_PORT_DIRECTION) == "out";
         port.monitor = property(props, PW_KEY_PORT_MONITOR) == "true";
         port.channel = property(props, PW_KEY_AUDIO_CHANNEL);
+        port.name = property(props, PW_KEY_PORT_NAME);
         g->portsSeen[id] = port;
     } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 &&
                property(props, "metadata.name") == "default" && g->metadata == nullptr) {
@@ -295,6 +303,10 @@ std::unique_ptr<Graph> connectGraph() {
         throw std::runtime_error("PipeWire did not answer: " + g->error);
     }
     return g;
+}
+
+std::string portName(std::size_t index, std::size_t microphonePorts) {
+    return (index < microphonePorts ? "mic_" : "system_") + std::to_string(index);
 }
 
 std::vector<std::uint32_t> portsOf(const Graph& g, std::uint32_t node, bool monitor) {
@@ -387,7 +399,7 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
     pw_filter_add_listener(g->filter, &g->filterListener, &filterEvents, g.get());
     const std::size_t total = micPorts.size() + sysPorts.size();
     for (std::size_t i = 0; i < total; ++i) {
-        std::string name = (i < micPorts.size() ? "mic_" : "system_") + std::to_string(i);
+        std::string name = portName(i, micPorts.size());
         auto* portProps = pw_properties_new(PW_KEY_FORMAT_DSP, "32 bit float mono audio", PW_KEY_PORT_NAME,
                                             name.c_str(), nullptr);
         void* port = pw_filter_add_port(g->filter, PW_DIRECTION_INPUT, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0,
@@ -406,30 +418,42 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
     if (pw_filter_connect(g->filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) {
         throw std::runtime_error("pw_filter_connect failed");
     }
-    // Our ports appear in the registry once the server has made them.
-    std::vector<std::uint32_t> ourPorts;
-    for (int round = 0; round < 20 && ourPorts.size() < total; ++round) {
+    // Our ports appear in the registry once the server has made them; they are matched by name, since
+    // the server numbers them in no promised order.
+    const std::size_t unfound = SIZE_MAX;
+    std::vector<std::size_t> ourPorts(total, unfound);
+    std::uint32_t ourNode = SPA_ID_INVALID;
+    auto allFound = [&] { return std::find(ourPorts.begin(), ourPorts.end(), unfound) == ourPorts.end(); };
+    for (int round = 0; round < 20 && !allFound(); ++round) {
         if (!g->roundtrip()) {
             throw std::runtime_error("PipeWire did not answer: " + g->error);
         }
-        auto node = pw_filter_get_node_id(g->filter);
-        ourPorts.clear();
+        ourNode = pw_filter_get_node_id(g->filter);
         for (const auto& [id, port] : g->portsSeen) {
-            if (port.node == node && !port.output) {
-                ourPorts.push_back(id);
+            if (port.node != ourNode || port.output) {
+                continue;
+            }
+            for (std::size_t i = 0; i < total; ++i) {
+                if (port.name == portName(i, micPorts.size())) {
+                    ourPorts[i] = id;
+                }
             }
         }
     }
-    if (ourPorts.size() < total) {
+    if (!allFound()) {
         throw std::runtime_error("capture ports did not appear");
     }
     std::vector<std::uint32_t> sources = micPorts;
     sources.insert(sources.end(), sysPorts.begin(), sysPorts.end());
     for (std::size_t i = 0; i < total; ++i) {
+        auto fromNode = std::to_string(g->portsSeen[sources[i]].node);
         auto from = std::to_string(sources[i]);
+        auto toNode = std::to_string(ourNode);
         auto to = std::to_string(ourPorts[i]);
-        auto* linkProps = pw_properties_new(PW_KEY_LINK_OUTPUT_PORT, from.c_str(), PW_KEY_LINK_INPUT_PORT,
-                                            to.c_str(), PW_KEY_OBJECT_LINGER, "false", nullptr);
+        auto* linkProps =
+            pw_properties_new(PW_KEY_LINK_OUTPUT_NODE, fromNode.c_str(), PW_KEY_LINK_OUTPUT_PORT,
+                              from.c_str(), PW_KEY_LINK_INPUT_NODE, toNode.c_str(), PW_KEY_LINK_INPUT_PORT,
+                              to.c_str(), PW_KEY_OBJECT_LINGER, "false", nullptr);
         auto* link = static_cast<pw_proxy*>(pw_core_create_object(
             g->core, "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &linkProps->dict, 0));
         pw_properties_free(linkProps);
@@ -457,8 +481,7 @@ void PipeWireAggregateDevice::startIO(IOHandler handler) {
     }
     stopWorker();
     graph_->stopping = false;
-    worker_ = std::thread([this, handler = std::move(handler)] {
-        auto* g = graph_.get();
+    worker_ = std::thread([g = graph_.get(), handler = std::move(handler)] {
         IOBufferList list;
         list.buffers.resize(g->ports.size());
         for (;;) {

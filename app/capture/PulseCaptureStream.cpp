@@ -65,14 +65,14 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
     self->connection_ = std::move(connection);
     self->shared_->handler = std::move(handler);
 
-    pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, 48000, 1};
+    pa_sample_spec format{PA_SAMPLE_FLOAT32LE, 48000, 1};
     std::string failure;
     {
         PulseConnection::Lock lock(*self->connection_);
         pa_proplist* props = pa_proplist_new();
         pa_proplist_sets(props, PA_PROP_MEDIA_ROLE, "production");
         self->stream_ = pa_stream_new_with_proplist(self->connection_->context(), target.streamName.c_str(),
-                                                    &spec, nullptr, props);
+                                                    &format, nullptr, props);
         pa_proplist_free(props);
         if (self->stream_ == nullptr) {
             throw std::runtime_error(

@@ -2,215 +2,192 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
+#include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-#include <utility>
 
-extern char** environ;
-
-namespace kavelo::testing {
+namespace kavelo {
 
 namespace {
 
-std::vector<std::string> mergedEnvironment(const std::map<std::string, std::string>& overrides) {
-    std::map<std::string, std::string> all;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        const auto equals = text.find('=');
-        if (equals != std::string::npos) {
-            all[text.substr(0, equals)] = text.substr(equals + 1);
+void writeAll(int fd, const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
         }
-    }
-    for (const auto& [name, value] : overrides) {
-        if (value.empty()) {
-            all.erase(name);
-        } else {
-            all[name] = value;
+        if (n <= 0) {
+            return;
         }
-    }
-    std::vector<std::string> lines;
-    for (const auto& [name, value] : all) {
-        lines.push_back(name + "=" + value);
-    }
-    return lines;
-}
-
-void closeIfOpen(int& fd) {
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
+        done += static_cast<std::size_t>(n);
     }
 }
 
 } // namespace
 
-ChildProcess::ChildProcess(Options options) : stderrFile_(options.stderrFile) {
-    if (options.args.empty()) {
-        throw std::invalid_argument("ChildProcess needs a program");
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                           const std::map<std::string, std::string>& environment, const std::string& input) {
+    int in[2];
+    int out[2];
+    int err[2];
+    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
+        throw std::runtime_error("pipe failed");
     }
-    // Everything the child needs is prepared before the fork: between fork and exec a child of a
-    // threaded process may only make async-signal-safe calls.
-    std::vector<std::string> envLines = mergedEnvironment(options.env);
-    std::vector<char*> envp;
-    for (auto& line : envLines) {
-        envp.push_back(line.data());
-    }
-    envp.push_back(nullptr);
+    std::vector<std::string> argStrings{program};
+    argStrings.insert(argStrings.end(), args.begin(), args.end());
     std::vector<char*> argv;
-    for (auto& arg : options.args) {
+    for (auto& arg : argStrings) {
         argv.push_back(arg.data());
     }
     argv.push_back(nullptr);
 
-    int out[2] = {-1, -1};
-    int in[2] = {-1, -1};
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(in, O_CLOEXEC) != 0) {
-        closeIfOpen(out[0]);
-        closeIfOpen(out[1]);
-        throw std::runtime_error("pipe failed");
-    }
-    int err = ::open(stderrFile_.empty() ? "/dev/null" : stderrFile_.c_str(),
-                     O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (err < 0) {
-        for (int* fd : {&out[0], &out[1], &in[0], &in[1]}) {
-            closeIfOpen(*fd);
-        }
-        throw std::runtime_error("cannot open " + stderrFile_.string());
-    }
-    const pid_t parent = ::getpid();
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        for (int* fd : {&out[0], &out[1], &in[0], &in[1], &err}) {
-            closeIfOpen(*fd);
-        }
+    pid_ = ::fork();
+    if (pid_ < 0) {
         throw std::runtime_error("fork failed");
     }
-    if (pid == 0) {
-        // A test that dies must not leave its programs running.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent) {
-            ::_exit(127);
-        }
+    if (pid_ == 0) {
         ::dup2(in[0], STDIN_FILENO);
         ::dup2(out[1], STDOUT_FILENO);
-        ::dup2(err, STDERR_FILENO);
-        ::execve(argv[0], argv.data(), envp.data());
+        ::dup2(err[1], STDERR_FILENO);
+        for (const auto& [name, value] : environment) {
+            if (value.empty()) {
+                ::unsetenv(name.c_str());
+            } else {
+                ::setenv(name.c_str(), value.c_str(), 1);
+            }
+        }
+        ::execv(program.c_str(), argv.data());
         ::_exit(127);
     }
-    pid_ = pid;
-    ::close(out[1]);
     ::close(in[0]);
-    ::close(err);
-    stdoutFd_ = out[0];
-    // A child that never reads its input must not block us: the texts here are far below a pipe's size.
-    const std::string& input = options.input;
-    std::size_t written = 0;
-    ::signal(SIGPIPE, SIG_IGN);
-    while (written < input.size()) {
-        const auto n = ::write(in[1], input.data() + written, input.size() - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        written += static_cast<std::size_t>(n);
-    }
+    ::close(out[1]);
+    ::close(err[1]);
+    writeAll(in[1], input);
     ::close(in[1]);
+    stdout_ = out[0];
+    stderr_fd_ = err[0];
+    ::fcntl(stderr_fd_, F_SETFL, ::fcntl(stderr_fd_, F_GETFL) | O_NONBLOCK);
 }
 
 ChildProcess::~ChildProcess() {
-    if (!status_ && pid_ > 0) {
+    if (pid_ > 0 && !status_) {
         ::kill(pid_, SIGKILL);
         int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
+        ::waitpid(pid_, &status, 0);
     }
-    closeIfOpen(stdoutFd_);
+    if (stdout_ >= 0) {
+        ::close(stdout_);
+    }
+    if (stderr_fd_ >= 0) {
+        ::close(stderr_fd_);
+    }
 }
 
-std::optional<std::string> ChildProcess::readLine(std::chrono::steady_clock::time_point deadline) {
+void ChildProcess::drainErrors() {
+    char chunk[4096];
     while (true) {
-        if (const auto newline = buffered_.find('\n'); newline != std::string::npos) {
-            std::string line = buffered_.substr(0, newline);
-            buffered_.erase(0, newline + 1);
-            return line;
+        const ssize_t n = ::read(stderr_fd_, chunk, sizeof chunk);
+        if (n <= 0) {
+            return;
         }
-        if (ended_) {
-            if (buffered_.empty()) {
-                return std::nullopt;
-            }
-            return std::exchange(buffered_, {});
-        }
+        stderr_.append(chunk, static_cast<std::size_t>(n));
+    }
+}
+
+bool ChildProcess::fill(std::chrono::steady_clock::time_point deadline) {
+    while (!endOfOutput_) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
-            return std::nullopt;
+            return false;
         }
-        pollfd pfd{stdoutFd_, POLLIN, 0};
-        const int ready = ::poll(&pfd, 1, static_cast<int>(left.count()));
+        // Standard error is watched too, so that a chatty child never blocks on a full pipe.
+        pollfd fds[2] = {{stdout_, POLLIN, 0}, {stderr_fd_, POLLIN, 0}};
+        const int ready = ::poll(fds, 2, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR) {
             continue;
         }
-        if (ready <= 0) {
+        if (fds[1].revents != 0) {
+            drainErrors();
+        }
+        if (fds[0].revents == 0) {
+            continue;
+        }
+        char chunk[4096];
+        const ssize_t n = ::read(stdout_, chunk, sizeof chunk);
+        if (n <= 0) {
+            endOfOutput_ = true;
+            return true;
+        }
+        buffer_.append(chunk, static_cast<std::size_t>(n));
+        return true;
+    }
+    return true;
+}
+
+std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+        const auto newline = buffer_.find('\n');
+        if (newline != std::string::npos) {
+            std::string line = buffer_.substr(0, newline);
+            buffer_.erase(0, newline + 1);
+            return line;
+        }
+        if (endOfOutput_) {
+            if (buffer_.empty()) {
+                return std::nullopt;
+            }
+            std::string line = std::move(buffer_);
+            buffer_.clear();
+            return line;
+        }
+        if (!fill(deadline)) {
             return std::nullopt;
         }
-        char buffer[4096];
-        const auto n = ::read(stdoutFd_, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            ended_ = true;
-            continue;
-        }
-        buffered_.append(buffer, static_cast<std::size_t>(n));
     }
 }
 
 void ChildProcess::signal(int signalNumber) {
-    if (!status_ && pid_ > 0) {
+    if (pid_ > 0 && !status_) {
         ::kill(pid_, signalNumber);
     }
 }
 
-std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!status_) {
+int ChildProcess::wait(std::chrono::milliseconds timeout) {
+    if (status_) {
+        return *status_;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!endOfOutput_ && fill(deadline)) {
+    }
+    while (true) {
         int status = 0;
         const pid_t done = ::waitpid(pid_, &status, WNOHANG);
         if (done == pid_) {
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-            break;
-        }
-        if (done < 0 && errno != EINTR) {
-            throw std::runtime_error(std::string("waitpid: ") + std::strerror(errno));
+            drainErrors();
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return *status_;
         }
         if (std::chrono::steady_clock::now() >= deadline) {
-            return std::nullopt;
+            return -1;
         }
-        // Polled: a child's end has no descriptor that fits in poll() with the others here.
+        drainErrors();
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return status_;
 }
 
-std::string ChildProcess::errorOutput() const {
-    if (stderrFile_.empty()) {
-        return "";
+std::vector<std::string> ChildProcess::remainingLines() {
+    std::vector<std::string> lines;
+    while (auto line = readLine(std::chrono::milliseconds(0))) {
+        lines.push_back(*line);
     }
-    std::ifstream file(stderrFile_);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return lines;
 }
 
-} // namespace kavelo::testing
+} // namespace kavelo

@@ -101,7 +101,10 @@ int AccountCommands::login(const std::vector<std::string>& rawArgs) {
         env.sessionManager->install(session);
         context.printer().event("signed_in", Json{{"user", userJson(session.user)}},
                                 "Signed in as " + session.user.email + ".");
-        if (env.usesMockServices && !args.value("session-file")) {
+        if (const auto file = args.value("session-file")) {
+            context.printer().say("Session kept in " + *file +
+                                  " (readable by you alone), not in the Secret Service.");
+        } else if (env.usesMockServices) {
             context.printer().say(
                 "The mock world keeps no session between runs; `record` signs in by itself.");
         }

@@ -90,4 +90,22 @@ std::string CliArguments::choice(const std::string& name, const std::vector<std:
     throw UsageError("--" + name + " takes one of " + list + ", not '" + *text + "'");
 }
 
+std::vector<std::string> splitList(const std::string& text) {
+    std::vector<std::string> items;
+    std::string current;
+    for (const char c : text + ",") {
+        if (c == ',' || c == ';') {
+            const auto first = current.find_first_not_of(" \t");
+            const auto last = current.find_last_not_of(" \t");
+            if (first != std::string::npos) {
+                items.push_back(current.substr(first, last - first + 1));
+            }
+            current.clear();
+        } else {
+            current += c;
+        }
+    }
+    return items;
+}
+
 } // namespace kavelo::cli

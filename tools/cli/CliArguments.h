@@ -34,4 +34,8 @@ class CliArguments {
     std::set<std::string> switches_;
 };
 
+// "Anne, Bram; Carla" as people type lists of names or addresses: items split at commas and
+// semicolons, trimmed, empty ones left out.
+std::vector<std::string> splitList(const std::string& text);
+
 } // namespace kavelo::cli

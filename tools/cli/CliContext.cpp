@@ -17,7 +17,7 @@ std::string userNameOf(const AuthUser& user) {
     return at == std::string::npos || at == 0 ? user.email : user.email.substr(0, at);
 }
 
-CliContext::CliContext(const CliArguments& args, AppEnvironment::Options options)
+CliContext::CliContext(const CliArguments& args, bool needsSession, AppEnvironment::Options options)
     : printer_(args.has("json")) {
     const bool verbose = args.has("verbose");
     // Standard output belongs to the command's own messages; the logs go to standard error, and only
@@ -34,15 +34,11 @@ CliContext::CliContext(const CliArguments& args, AppEnvironment::Options options
         options.sessionStorage = AppEnvironment::SessionStorage::file;
         options.sessionFile = *file;
         fileSession_ = true;
-    } else if (mode == AppEnvironment::Mode::mock) {
+    } else if (mode == AppEnvironment::Mode::mock || !needsSession) {
         // The mock world signs in with its demo account on every run; nothing worth keeping.
         options.sessionStorage = AppEnvironment::SessionStorage::memory;
     }
     env_ = std::make_unique<AppEnvironment>(mode, std::move(options));
-    if (fileSession_) {
-        printer_.say("Session kept in " + args.value("session-file").value() +
-                     " (readable by you alone), not in the Secret Service.");
-    }
 }
 
 std::optional<AuthSession> CliContext::signIn() {

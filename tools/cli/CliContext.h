@@ -17,7 +17,10 @@ class CliContext {
     static const std::set<std::string>& sessionOptions(); // valued: "session-file"
     static const std::set<std::string>& commonSwitches(); // "json", "verbose", "help"
 
-    CliContext(const CliArguments& args, AppEnvironment::Options options = {});
+    // Commands that never touch the session (devices, status) pass needsSession false, so that a machine
+    // without a Secret Service does not log a failed keychain read for them.
+    explicit CliContext(const CliArguments& args, bool needsSession = true,
+                        AppEnvironment::Options options = {});
 
     AppEnvironment& env() { return *env_; }
     EventPrinter& printer() { return printer_; }

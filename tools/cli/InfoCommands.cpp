@@ -52,7 +52,7 @@ recording (chunks are deleted once the server holds them).
 
 int InfoCommands::devices(const std::vector<std::string>& rawArgs) {
     const CliArguments args(rawArgs, {}, CliContext::commonSwitches());
-    CliContext context(args);
+    CliContext context(args, false);
     auto& recorder = *context.env().recorder;
     auto& printer = context.printer();
     printer.say("Recorder: " + context.env().recorderKind);
@@ -71,7 +71,7 @@ int InfoCommands::devices(const std::vector<std::string>& rawArgs) {
 
 int InfoCommands::status(const std::vector<std::string>& rawArgs) {
     const CliArguments args(rawArgs, {}, CliContext::commonSwitches());
-    CliContext context(args);
+    CliContext context(args, false);
     auto& env = context.env();
     auto& printer = context.printer();
 

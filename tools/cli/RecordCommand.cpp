@@ -36,32 +36,14 @@ using namespace std::chrono_literals;
 const std::set<std::string> kReviewValued{"speakers", "speaker-count", "recipients"};
 const std::set<std::string> kReviewSwitches{"no-transcription", "attach-word", "interactive"};
 
-std::vector<std::string> splitNames(const std::string& text) {
-    std::vector<std::string> items;
-    std::string current;
-    for (const char c : text + ",") {
-        if (c == ',') {
-            const auto first = current.find_first_not_of(" \t");
-            const auto last = current.find_last_not_of(" \t");
-            if (first != std::string::npos) {
-                items.push_back(current.substr(first, last - first + 1));
-            }
-            current.clear();
-        } else {
-            current += c;
-        }
-    }
-    return items;
-}
-
 ReviewChoices reviewChoices(const CliArguments& args) {
     ReviewChoices choices;
     if (const auto speakers = args.value("speakers")) {
-        choices.speakers = splitNames(*speakers);
+        choices.speakers = splitList(*speakers);
     }
     choices.speakerCount = args.integer("speaker-count", 1, 32);
     if (const auto recipients = args.value("recipients")) {
-        choices.recipients = splitNames(*recipients);
+        choices.recipients = splitList(*recipients);
         for (const auto& address : choices.recipients) {
             if (!EmailValidator::isValid(address)) {
                 throw UsageError("'" + address + "' is not an e-mail address");
@@ -116,7 +98,7 @@ Composed compose(const CliArguments& args, const ReviewChoices& choices) {
         });
     };
     Composed composed;
-    composed.context = std::make_unique<CliContext>(args, std::move(options));
+    composed.context = std::make_unique<CliContext>(args, true, std::move(options));
     composed.driver = std::make_unique<RoadDriver>(*composed.context, choices);
     *slot = composed.driver.get();
     composed.driver->attach();

@@ -37,24 +37,6 @@ std::string clockText(int seconds) {
     return buffer;
 }
 
-std::vector<std::string> splitList(const std::string& text) {
-    std::vector<std::string> items;
-    std::string current;
-    for (const char c : text + ",") {
-        if (c == ',' || c == ';') {
-            const auto first = current.find_first_not_of(" \t");
-            const auto last = current.find_last_not_of(" \t");
-            if (first != std::string::npos) {
-                items.push_back(current.substr(first, last - first + 1));
-            }
-            current.clear();
-        } else {
-            current += c;
-        }
-    }
-    return items;
-}
-
 std::optional<std::string> askLine(const std::string& prompt) {
     std::fprintf(stderr, "%s", prompt.c_str());
     std::fflush(stderr);

@@ -149,13 +149,13 @@ Options:
   --profiles-without-job-title   the older profiles table, without job_title and company
   --oauth-callback-url URL       where the pretend provider sends the browser (default kavely://auth-callback)
   --user EMAIL:PASSWORD          an account to create at start (repeatable)
-  --fault ROUTE:SPEC             a fault rule (repeatable), see below
+  --fault ROUTE:RULE             a fault rule (repeatable), see below
   --refuse-url-fetch 401|403     short for --fault generate-upload-urls:status=401|403
   --seed N                       seed of the random draws of fault rates (default 1)
   --log-requests                 one line per request on standard error
   -h, --help                     this text
 
-A fault SPEC is a comma-separated list of: status=CODE (answer this status), drop (close the connection
+A fault RULE is a comma-separated list of: status=CODE (answer this status), drop (close the connection
 without an answer), latency-ms=N (wait first), rate=P (fire with probability P), count=N (fire at most N
 times). Examples: signed-upload:status=500,count=3  storage-upload:drop,rate=0.2  *:latency-ms=50
 ROUTE is * or one of:

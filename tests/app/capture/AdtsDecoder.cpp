@@ -41,6 +41,33 @@ double DecodedAudio::rms(std::size_t from, std::size_t to) const {
     return std::sqrt(sum / double(to - from));
 }
 
+DecodedAudio DecodedAudio::ofSamples(std::vector<float> samples) {
+    DecodedAudio audio;
+    audio.ok = true;
+    audio.sampleRate = 48000;
+    audio.channels = 1;
+    audio.samples = std::move(samples);
+    return audio;
+}
+
+DecodedAudio DecodedAudio::tail(double seconds) const {
+    const auto n = std::min(samples.size(), std::size_t(seconds * sampleRate));
+    auto part = *this;
+    part.samples.assign(samples.end() - long(n), samples.end());
+    return part;
+}
+
+DecodedAudio DecodedAudio::encodedBetween(long long from, long long to, long long total) const {
+    const double perByte = total > 0 ? double(samples.size()) / double(total) : 0;
+    const auto size = long(samples.size());
+    const auto margin = long(sampleRate / 2);
+    const auto begin = std::min(size, long(double(from) * perByte) + margin);
+    const auto end = std::clamp(long(double(to) * perByte) - margin, begin, size);
+    auto part = *this;
+    part.samples.assign(samples.begin() + begin, samples.begin() + end);
+    return part;
+}
+
 double DecodedAudio::estimatedFrequency() const {
     auto from = samples.size() / 4;
     auto to = samples.size() * 3 / 4;

@@ -21,6 +21,14 @@ struct DecodedAudio {
     [[nodiscard]] double estimatedFrequency() const;
     // Amplitude of one frequency (Goertzel) over the middle half: 0.5 for a sine of amplitude 0.5.
     [[nodiscard]] double toneLevel(double frequency) const;
+
+    // 48 kHz mono samples as they came from a capture, to be analysed like a decoded stream.
+    static DecodedAudio ofSamples(std::vector<float> samples);
+    // The last `seconds`.
+    [[nodiscard]] DecodedAudio tail(double seconds) const;
+    // What was encoded while a recorder's byte count went from `from` to `to` (of `total` at the end),
+    // less half a second at either end for the encoder's delay and any capture rebuild's pause.
+    [[nodiscard]] DecodedAudio encodedBetween(long long from, long long to, long long total) const;
 };
 
 DecodedAudio decodeAdts(const Bytes& stream);

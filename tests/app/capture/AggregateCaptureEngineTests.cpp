@@ -205,7 +205,8 @@ TEST_F(EngineFixture, StalledGraphIsRebuiltFiveTimesThenGivenUpUntilAudioReturns
     ASSERT_TRUE(clock->waitForSleepers(1));
     clock->advance(6);
     EXPECT_EQ(countLogsStartingWith("aggregate rebuild"), 0) << "within the start-up grace nothing happens";
-    // No cycles at all: each build stalls. Delays 1, 2, 4, 8, 8 plus grace and stall time take about 70 s; a loaded machine may need longer.
+    // No cycles at all: each build stalls. Delays 1, 2, 4, 8, 8 plus grace and stall time take about 70 s; a
+    // loaded machine may need longer.
     for (int second = 6; second < 300 && interruptionsSeen().empty(); ++second) {
         clock->advance(1);
     }

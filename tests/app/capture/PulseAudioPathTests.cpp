@@ -127,6 +127,39 @@ TEST_F(PulseAudioPathTest, MicrophoneAndSystemAudioBothReachTheChunks) {
     EXPECT_FALSE(events.errorCodes().size()) << "the fallback path chosen by the switch reports nothing";
 }
 
+TEST_F(PulseAudioPathTest, LosingTheOutputLeavesTheMicrophoneRecording) {
+    auto module = daemon->pactl("load-module module-null-sink sink_name=call");
+    daemon->pactl("set-default-sink call");
+    auto voice = daemon->play("micfeed", daemon->tone(440, 30, 0.4));
+    auto call = daemon->play("call", daemon->tone(1000, 30, 0.4));
+    auto recorder = makeRecorder();
+    recorder->start(input(SystemAudioMode::system));
+    auto bytes = [&] { return recorder->runtimeState().totalBytesEncoded; };
+    ASSERT_TRUE(events.waitFor([&] { return bytes() >= 2 * 12000; }));
+    // The output whose monitor the system stream reads goes away in the middle of the recording.
+    daemon->pactl("unload-module " + module.substr(0, module.find('\n')));
+    daemon->pactl("set-default-sink meeting");
+    const auto lostAt = bytes();
+    ASSERT_TRUE(events.waitFor([&] { return bytes() >= lostAt + 3 * 12000; })) << "the recording stopped";
+    const auto endAt = bytes();
+    recorder->stop();
+
+    auto words = events.stateWords();
+    EXPECT_EQ(std::count(words.begin(), words.end(), RecorderState::error), 0);
+    ASSERT_FALSE(uploader->snapshot().empty());
+    EXPECT_TRUE(uploader->snapshot().back().isFinal);
+    Bytes all;
+    for (const auto& chunk : uploader->snapshot()) {
+        all.insert(all.end(), chunk.data.begin(), chunk.data.end());
+    }
+    auto decoded = decodeAdts(all);
+    ASSERT_TRUE(decoded.ok);
+    auto after = decoded.encodedBetween(lostAt, endAt, bytes());
+    // The server moves the call's playback and our monitor stream elsewhere; whatever system audio that
+    // brings, the microphone must go on.
+    EXPECT_GT(after.toneLevel(440), 0.2) << "the microphone went with the output";
+}
+
 TEST_F(PulseAudioPathTest, AppModeRecordsOnlyThatApplicationsStream) {
     auto voice = daemon->play("micfeed", daemon->speech("Goedemorgen allemaal, we beginnen met de notulen."));
     auto call = daemon->play("meeting", daemon->tone(660, 30, 0.4), "ZOOM VoiceEngine");

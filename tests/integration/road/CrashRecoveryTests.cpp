@@ -171,24 +171,37 @@ class CrashRecoveryTest : public ::testing::Test {
                 {"KAVELO_RECORDER", ""}};
     }
 
+    // The next line of the child's output, waiting no longer than the deadline.
+    // The next line of the child's output, waiting until the deadline. The wait is rounded up (the child's
+    // reader counts whole milliseconds), so that no line before the deadline means the end of the output.
+    static std::optional<std::string> lineBefore(ChildProcess& child, Clock::time_point deadline) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        return child.readLine(left > 0ms ? left + 2ms : 0ms);
+    }
+
+    static std::optional<Json> eventOf(const std::string& line) {
+        try {
+            return CoreJSON::decode(line);
+        } catch (const std::exception&) {
+            return std::nullopt; // not an event line; the events are what counts
+        }
+    }
+
     static std::vector<Json> readAll(ChildProcess& child, Clock::time_point deadline) {
-        std::vector<Json> lines;
-        while (const auto line = child.readLine(deadline)) {
-            try {
-                lines.push_back(CoreJSON::decode(*line));
-            } catch (const std::exception&) {
-                // Not an event line; the events are what counts.
+        std::vector<Json> events;
+        while (const auto line = lineBefore(child, deadline)) {
+            if (auto event = eventOf(*line)) {
+                events.push_back(std::move(*event));
             }
         }
-        return lines;
+        return events;
     }
 
     void login(Lane& lane) {
-        ChildProcess child({{KAVELO_CLI_BINARY, "login", "--email", kEmail, "--session-file",
-                             lane.sessionFile().string(), "--json"},
-                            worldOf(lane, lane.directory),
-                            std::string(kPassword) + "\n",
-                            lane.directory / "login.err"});
+        ChildProcess child(
+            KAVELO_CLI_BINARY,
+            {"login", "--email", kEmail, "--session-file", lane.sessionFile().string(), "--json"},
+            worldOf(lane, lane.directory), std::string(kPassword) + "\n");
         readAll(child, Clock::now() + 60s);
         const auto status = child.wait(30s);
         ASSERT_EQ(status, 0) << tail(child.errorOutput());
@@ -219,23 +232,17 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
             Json::array({Json{{"route", "signed-upload"}, {"latency_ms", kSlowUploadMs}},
                          Json{{"route", "storage-upload"}, {"latency_ms", kSlowUploadMs}}}));
     }
-    std::vector<std::string> args{KAVELO_CLI_BINARY,
-                                  "record",
-                                  "--json",
-                                  "--session-file",
-                                  lane.sessionFile().string(),
-                                  "--meeting",
-                                  "Proef " + std::to_string(plan.number),
-                                  "--duration",
-                                  std::to_string(plan.duration),
-                                  "--recipients",
-                                  "bram@example.test"};
+    std::vector<std::string> args{"record",         "--json",
+                                  "--session-file", lane.sessionFile().string(),
+                                  "--meeting",      "Proef " + std::to_string(plan.number),
+                                  "--duration",     std::to_string(plan.duration),
+                                  "--recipients",   "bram@example.test"};
     if (plan.pauseAt) {
         args.insert(args.end(), {"--pause-at", std::to_string(*plan.pauseAt), "--resume-at",
                                  std::to_string(*plan.pauseAt + 40)});
     }
     {
-        ChildProcess record({args, world, "", home / "record.err"});
+        ChildProcess record(KAVELO_CLI_BINARY, args, world);
         const auto deadline = Clock::now() + 120s;
         std::optional<Clock::time_point> killAt;
         std::string lastPhase;
@@ -248,39 +255,41 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
             }
         };
         while (true) {
-            const auto line = record.readLine(killAt ? std::min(*killAt, deadline) : deadline);
+            const auto line = lineBefore(record, killAt ? std::min(*killAt, deadline) : deadline);
             if (!line) {
                 break; // the end of the output, the kill moment, or the deadline
             }
-            Json event;
-            try {
-                event = CoreJSON::decode(*line);
-            } catch (const std::exception&) {
+            const auto event = eventOf(*line);
+            if (!event) {
                 continue;
             }
-            take(event);
-            if (!killAt && event.value("event", "") == "phase" && lastPhase == armingPhase(plan.point)) {
+            take(*event);
+            if (!killAt && event->value("event", "") == "phase" && lastPhase == armingPhase(plan.point)) {
                 killAt = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                             std::chrono::duration<double>(plan.killDelay));
             }
         }
-        if (record.atEnd() || !killAt) {
+        if (!killAt || Clock::now() < *killAt) {
+            // The output ended (or the deadline passed) before the kill was due.
+            const int status = record.wait(30s);
             lane.admin.faultsOff(slowRules);
             fail("the recording never reached the kill point (" + std::string(nameOf(plan.point)) +
-                 "); last phase " + lastPhase + "; exit " + std::to_string(record.wait(30s).value_or(999)) +
-                 "\n" + tail(record.errorOutput()));
+                 "); last phase " + lastPhase + "; exit " + std::to_string(status) + "\n" +
+                 tail(record.errorOutput()));
             return result;
         }
         record.signal(SIGKILL);
         // What the process printed before it died is still in the pipe: those chunks were cut before the
         // kill.
-        for (const auto& event : readAll(record, Clock::now() + 10s)) {
-            take(event);
-        }
-        result.phaseAtKill = lastPhase;
-        if (record.wait(30s) != -SIGKILL) {
+        if (record.wait(30s) != 128 + SIGKILL) {
             fail("the kill did not end the process");
         }
+        for (const auto& line : record.remainingLines()) {
+            if (const auto event = eventOf(line)) {
+                take(*event);
+            }
+        }
+        result.phaseAtKill = lastPhase;
     }
     lane.admin.faultsOff(slowRules);
     if (!landedIn(plan.point, result.phaseAtKill)) {
@@ -304,11 +313,10 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
     }
     result.nothingCut = mustBeThere.empty();
 
-    ChildProcess recover({{KAVELO_CLI_BINARY, "recover", "--json", "--session-file",
-                           lane.sessionFile().string(), "--recipients", "bram@example.test"},
-                          world,
-                          "",
-                          home / "recover.err"});
+    ChildProcess recover(KAVELO_CLI_BINARY,
+                         {"recover", "--json", "--session-file", lane.sessionFile().string(), "--recipients",
+                          "bram@example.test"},
+                         world);
     const auto events = readAll(recover, Clock::now() + 180s);
     const auto status = recover.wait(30s);
     Json done;
@@ -321,8 +329,8 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
         // Killed before its first chunk: there is no audio to report on, and the recovery must say so and
         // clear the way for the next recording instead of asking for a report the backend would refuse.
         if (status != 0 || !done.is_object() || !done.contains("reason")) {
-            fail("recover of a recording without chunks: exit " + std::to_string(status.value_or(999)) +
-                 ", done " + (done.is_object() ? CoreJSON::encode(done) : "missing") + "\n" +
+            fail("recover of a recording without chunks: exit " + std::to_string(status) + ", done " +
+                 (done.is_object() ? CoreJSON::encode(done) : "missing") + "\n" +
                  tail(recover.errorOutput()));
         }
         if (lane.admin.finalizeRequests(result.recordingId) != 0) {
@@ -335,7 +343,7 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
         return result;
     }
     if (status != 0 || !done.is_object() || done.value("phase", "") != "success") {
-        fail("recover did not succeed: exit " + std::to_string(status.value_or(999)) + ", done " +
+        fail("recover did not succeed: exit " + std::to_string(status) + ", done " +
              (done.is_object() ? CoreJSON::encode(done) : "missing") + "\n" + tail(recover.errorOutput()));
     }
     if (done.is_object() && done.value("recordingId", Json()) != Json(result.recordingId)) {
