@@ -349,13 +349,14 @@ int RoadDriver::finishRoad() {
     }
     if (phase == RecordingPhase::success) {
         const auto summary = coordinator.successSummary().value_or(SuccessSummary{});
-        context_.printer().event("success",
-                                 {{"meetingName", summary.meetingName},
-                                  {"durationSeconds", summary.durationSeconds},
-                                  {"recipients", summary.externalRecipientCount}},
-                                 "Sent: \"" + summary.meetingName + "\", " +
-                                     clockText(summary.durationSeconds) + ", report for " +
-                                     summary.recipientLabel() + ".");
+        context_.printer().event(
+            "success",
+            {{"meetingName", summary.meetingName},
+             {"durationSeconds", summary.durationSeconds},
+             {"recipients", summary.externalRecipientCount}},
+            "Sent: " +
+                (summary.meetingName.empty() ? std::string("recording") : "\"" + summary.meetingName + "\"") +
+                ", " + clockText(summary.durationSeconds) + ", report for " + summary.recipientLabel() + ".");
         printDone("");
         return 0;
     }
