@@ -141,14 +141,18 @@ TEST_F(KaveloCliTest, APausedRecordingNumbersItsChunksWithoutGapCountsThePauseAn
     EXPECT_GT(pausedMs, 1700);
     EXPECT_LT(pausedMs, 2600);
 
-    // Nothing is cut while paused.
+    // Nothing is cut while paused. A chunk that was under way when the pause came may still be told
+    // after the phase; a two-second pause at a chunk a second would show two or more if the pause were
+    // ignored.
     bool paused = false;
+    int cutWhilePaused = 0;
     for (const auto& e : result.events) {
         if (e["event"] == "phase") {
             paused = e["phase"] == "paused_user";
         }
-        EXPECT_FALSE(paused && e["event"] == "chunk") << "chunk " << e.dump() << " cut during the pause";
+        cutWhilePaused += paused && e["event"] == "chunk" ? 1 : 0;
     }
+    EXPECT_LE(cutWhilePaused, 1);
     const Json success = result.last("success");
     EXPECT_EQ(success["meetingName"], "Weekstart");
     EXPECT_EQ(success["recipients"], 1);
