@@ -289,8 +289,8 @@ TEST_F(PipeWireAggregatePathTest, MicrophoneAndSystemAudioShareOneClock) {
     engine->stop();
     std::lock_guard lock(tap.mutex);
     const auto from = std::max(*tap.micSoundFrom, *tap.systemSoundFrom) + 4800;
-    const auto length = std::min<std::size_t>(24000, tap.mic.size() - from - 4800);
-    const auto lag = bestLag(tap.system, tap.mic, from, length, 4800);
+    const auto length = std::min<std::size_t>(12000, tap.mic.size() - from - 4800);
+    const auto lag = bestLag(tap.system, tap.mic, from, length, 4096);
     std::fprintf(stderr, "microphone trails system audio by %ld samples (%.1f ms)\n", lag, lag / 48.0);
     EXPECT_LE(std::labs(lag), 2048) << "more than two cycles apart";
 }
