@@ -388,10 +388,13 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
         sysPorts = portsOf(*g, *sink, true);
     }
 
-    auto* props =
-        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE,
-                          "Production", PW_KEY_NODE_NAME, "kavely.capture", PW_KEY_NODE_DESCRIPTION,
-                          "Kavely Capture", PW_KEY_NODE_RATE, "1/48000", nullptr);
+    // The graph is asked for 48 kHz and kept there while we record: our ports take the graph's own
+    // rate, and a switch to another rate in the middle of a meeting (a player that wants 44.1 kHz) would
+    // cost cycles until the next rebuild.
+    auto* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
+                                    PW_KEY_MEDIA_ROLE, "Production", PW_KEY_NODE_NAME, "kavely.capture",
+                                    PW_KEY_NODE_DESCRIPTION, "Kavely Capture", PW_KEY_NODE_RATE, "1/48000",
+                                    PW_KEY_NODE_LOCK_RATE, "true", nullptr);
     g->filter = pw_filter_new(g->core, "kavely.capture", props);
     if (g->filter == nullptr) {
         throw std::runtime_error("pw_filter_new failed");

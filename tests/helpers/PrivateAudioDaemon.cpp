@@ -66,6 +66,10 @@ std::unique_ptr<PrivateAudioDaemon> PrivateAudioDaemon::startPulseAudio() {
         throw std::runtime_error("pulseaudio did not start: " + out);
     }
     daemon->setEnvironment("PULSE_SERVER", ("unix:" + d + "/pulse/native").c_str());
+    // PipeWire clients of this process and its children look for a server in the temporary directory and
+    // find none, so a recorder never takes the aggregate path through the machine's own PipeWire.
+    daemon->setEnvironment("PIPEWIRE_RUNTIME_DIR", d.c_str());
+    daemon->setEnvironment("PIPEWIRE_REMOTE", nullptr);
     for (int i = 0; i < 100 && shell("pactl info").second != 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }

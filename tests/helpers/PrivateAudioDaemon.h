@@ -12,7 +12,8 @@ namespace kavelo::testing {
 // (the default output: what plays there is "system audio") and "micfeed", whose monitor is remapped into
 // the source "testmic" (the default input: what plays on micfeed is "the microphone").
 // While it lives, this process and its children talk to it (PULSE_SERVER, and PIPEWIRE_RUNTIME_DIR for a
-// PipeWire server); the machine's own server, if any, is left alone.
+// PipeWire server; with a PulseAudio server PipeWire clients find no server at all); the machine's own
+// server, if any, is left alone.
 class PrivateAudioDaemon {
   public:
     // Null when the pulseaudio program is not installed; throws std::runtime_error when it will not start.
