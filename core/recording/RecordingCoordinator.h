@@ -83,7 +83,17 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
         bool operator==(const TimerAnchor&) const = default;
     };
 
-    enum class RecoveryDecisionKind { resumedActive, none, openedFinalizeFlow, discardedExpired };
+    // discardedEmpty: the earlier process died before its first chunk, so nothing of it exists to report
+    // on. deferred: the capture died with the earlier process and the server could not say which chunks
+    // it holds; the manifest stays for the next sign-in.
+    enum class RecoveryDecisionKind {
+        resumedActive,
+        none,
+        openedFinalizeFlow,
+        discardedExpired,
+        discardedEmpty,
+        deferred
+    };
     struct RecoveryDecision {
         RecoveryDecisionKind kind = RecoveryDecisionKind::none;
         bool paused = false; // for resumedActive
@@ -95,6 +105,8 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
             return {RecoveryDecisionKind::openedFinalizeFlow, false};
         }
         static RecoveryDecision discardedExpired() { return {RecoveryDecisionKind::discardedExpired, false}; }
+        static RecoveryDecision discardedEmpty() { return {RecoveryDecisionKind::discardedEmpty, false}; }
+        static RecoveryDecision deferred() { return {RecoveryDecisionKind::deferred, false}; }
         bool operator==(const RecoveryDecision&) const = default;
     };
 
@@ -195,6 +207,9 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     std::optional<RecordingPhase> fire(const RecordingEvent& event);
     void notifyTick();
     void log(LogLevel level, const std::string& message);
+    // For an active manifest whose capture died with the earlier process: the highest chunk on this disk
+    // or on the server; absent when the server could not be asked.
+    std::optional<int> lastChunkOfInterruptedCapture(const RecordingManifest& manifest);
     [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
     [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
     void setBlocker(StartBlocker blocker);

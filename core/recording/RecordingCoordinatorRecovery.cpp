@@ -1,6 +1,7 @@
 // Relaunch: brings the coordinator back to where a recording of an earlier process stood.
 #include "core/recording/RecordingCoordinator.h"
 
+#include <algorithm>
 #include <set>
 
 namespace kavelo {
@@ -19,13 +20,30 @@ PreflightContext RecordingCoordinator::recoveredContext(const AuthUser& user, co
     return context;
 }
 
+std::optional<int> RecordingCoordinator::lastChunkOfInterruptedCapture(const RecordingManifest& manifest) {
+    // Chunks that were uploaded before the crash have left this disk, so only the server can say how far
+    // the recording got.
+    const auto server = api_->listRecordingChunks(manifest.recordingId);
+    if (!server.checked) {
+        return std::nullopt;
+    }
+    int last = 0;
+    for (const int sequence : chunkStore_->storedSequences(manifest.recordingId)) {
+        last = std::max(last, sequence);
+    }
+    for (const int sequence : server.uploadedSequences) {
+        last = std::max(last, sequence);
+    }
+    return last;
+}
+
 RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(const AuthUser& user,
                                                                              const std::string& userName) {
     auto manifest = recoveryStore_->load();
     if (!manifest || phase() != RecordingPhase::idle) {
         return RecoveryDecision::none();
     }
-    const auto& m = *manifest;
+    RecordingManifest m = *manifest;
     auto configureUploader = [&] {
         diagnostics_->startSession(m.recordingId);
         std::optional<std::string> token;
@@ -44,7 +62,43 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
                 return RecoveryDecision::discardedExpired();
             }
         }
-        // The recorder may still be capturing in this same process: a sign-out does not stop it.
+        const auto runtime = recorder_->runtimeState();
+        if (!runtime.recordingActive && !runtime.userPaused) {
+            // The capture died with the earlier process and this process's recorder never ran, so a stop
+            // would take 0 from it as the last chunk and the report would be asked for before the chunks
+            // cut up to the crash reached the server. The recording is settled as stopped at the highest
+            // chunk known; the road after the stop then waits for every chunk up to it.
+            const auto last = lastChunkOfInterruptedCapture(m);
+            if (!last) {
+                log(LogLevel::warn, "recovered capture: server chunk list unavailable — recovery deferred");
+                return RecoveryDecision::deferred();
+            }
+            if (*last == 0) {
+                // Nothing was cut: the backend has nothing to report on, and a manifest kept for it would
+                // block every later recording.
+                log(LogLevel::warn, "recovered capture ended before its first chunk — discarded");
+                recoveryStore_->clear();
+                return RecoveryDecision::discardedEmpty();
+            }
+            const TimePoint now = clock_->now();
+            if (m.isPaused) {
+                // Nothing was captured after the pause began; from the crash on the time counts as active,
+                // as it does for a recording brought back running.
+                m.totalPausedMs += std::max(0.0, secondsBetween(m.pausedAt.value_or(now), now) * 1000);
+            }
+            m.isPaused = false;
+            m.pausedAt.reset();
+            m.stage = RecordingManifest::Stage::stopped;
+            m.lastSequence = *last;
+            m.elapsedSeconds =
+                static_cast<int>(std::max(0.0, secondsBetween(m.startedAt, now) - m.totalPausedMs / 1000));
+            recoveryStore_->save(m);
+            log(LogLevel::info, "recovered capture settled as stopped at chunk " + std::to_string(*last));
+        }
+    }
+
+    if (m.stage == RecordingManifest::Stage::active) {
+        // The recorder still captures in this same process: a sign-out does not stop it.
         bool paused = m.isPaused || recorder_->runtimeState().userPaused;
         {
             auto now = clock_->now();

@@ -127,70 +127,6 @@ std::string blockerText(const StartBlocker& blocker) {
     return "the start was refused";
 }
 
-// A manifest still at stage active was left by a process that died while it captured: the capture died
-// with it, and this process's recorder never ran. Stopping the resumed recording would take 0 from that
-// recorder as the last chunk, and the report would be asked for before the chunks still on this disk
-// reached the server (and then those files would be removed). So the recording is settled as stopped
-// here, its last chunk the highest one known on this disk or on the server; the road after the stop
-// then waits for every chunk up to it.
-enum class Settled {
-    asItWas,         // nothing to settle: no manifest, a stopped one, or an expired pause
-    stopped,         // the manifest now stands at stage stopped
-    nothingRecorded, // the process died before its first chunk: the audio went with it
-    serverUnknown,   // the server could not say what it holds; the manifest is left alone
-};
-
-Settled settleInterruptedCapture(AppEnvironment& env, EventPrinter& printer) {
-    auto manifest = env.recoveryStore->load();
-    if (!manifest || manifest->stage != RecordingManifest::Stage::active) {
-        return Settled::asItWas;
-    }
-    const TimePoint now = env.clock->now();
-    if (manifest->isPaused && manifest->pausedAt &&
-        secondsBetween(*manifest->pausedAt, now) > AppEnvironment::coordinatorTimings().maxPause) {
-        return Settled::asItWas; // an expired pause is the coordinator's to give up
-    }
-    // Without the server's answer no last chunk can be trusted: chunks already uploaded have left this
-    // disk.
-    const auto server = env.recordingAPI->listRecordingChunks(manifest->recordingId);
-    if (!server.checked) {
-        printer.error("the server could not say which chunks of recording " + manifest->recordingId +
-                      " it holds; the recording stays on this machine, try again when it is reachable");
-        return Settled::serverUnknown;
-    }
-    int last = 0;
-    for (const int sequence : env.chunkStore->storedSequences(manifest->recordingId)) {
-        last = std::max(last, sequence);
-    }
-    for (const int sequence : server.uploadedSequences) {
-        last = std::max(last, sequence);
-    }
-    if (last == 0) {
-        // No chunk was ever cut: the backend has nothing to make a report of and would refuse the request,
-        // and a manifest kept for it would block every later recording.
-        env.recoveryStore->clear();
-        printer.say("The recording " + manifest->recordingId +
-                    " was cut off before its first chunk; nothing of it was kept.");
-        return Settled::nothingRecorded;
-    }
-    // Nothing was captured after the running pause began; the time since the crash counts as active, as
-    // it would for a recording brought back running.
-    if (manifest->isPaused) {
-        manifest->totalPausedMs +=
-            std::max(0.0, secondsBetween(manifest->pausedAt.value_or(now), now) * 1000);
-    }
-    manifest->isPaused = false;
-    manifest->pausedAt.reset();
-    manifest->stage = RecordingManifest::Stage::stopped;
-    manifest->lastSequence = last;
-    manifest->elapsedSeconds = static_cast<int>(
-        std::max(0.0, secondsBetween(manifest->startedAt, now) - manifest->totalPausedMs / 1000));
-    env.recoveryStore->save(*manifest);
-    printer.say("The recording was cut off while it captured; it ends at chunk " + std::to_string(last) +
-                ".");
-    return Settled::stopped;
-}
-
 } // namespace
 
 const char* RecordCommand::help() {
@@ -390,17 +326,6 @@ int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly)
         driver.printDone("nobody is signed in");
         return 2;
     }
-    switch (settleInterruptedCapture(context.env(), context.printer())) {
-    case Settled::serverUnknown:
-        driver.printDone("the server could not be asked which chunks it holds");
-        return 1;
-    case Settled::nothingRecorded:
-        driver.printDone("the recording left behind ended before its first chunk; nothing to send");
-        return retryOnly ? 1 : 0;
-    case Settled::asItWas:
-    case Settled::stopped:
-        break;
-    }
     auto& coordinator = *context.env().coordinator;
     const auto decision = coordinator.recoverIfNeeded(session->user, userNameOf(session->user));
     using Kind = RecordingCoordinator::RecoveryDecisionKind;
@@ -412,6 +337,17 @@ int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly)
     case Kind::discardedExpired:
         context.printer().say("The recording left behind was too old to finish and was set aside.");
         driver.printDone("the recording left behind had expired");
+        return 1;
+    case Kind::discardedEmpty:
+        context.printer().say(
+            "The recording left behind was cut off before its first chunk; nothing of it was kept.");
+        driver.printDone("the recording left behind ended before its first chunk; nothing to send");
+        return retryOnly ? 1 : 0;
+    case Kind::deferred:
+        context.printer().error(
+            "the server could not say which chunks of the recording left behind it holds; "
+            "the recording stays on this machine, try again when the server is reachable");
+        driver.printDone("the server could not be asked which chunks it holds");
         return 1;
     case Kind::resumedActive:
         context.printer().say("A recording was still running when the last run ended; stopping it now.");

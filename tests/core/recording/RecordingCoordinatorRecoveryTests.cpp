@@ -45,6 +45,10 @@ TEST_F(CoordinatorRecoveryTest, NothingToRecoverOrNotIdleLeavesEverythingAlone) 
 }
 
 TEST_F(CoordinatorRecoveryTest, AnActiveRecordingComesBackRunningWithItsChunksRequeued) {
+    // The recorder still captures in this process (a sign-out does not stop it).
+    StartRecordingInput input;
+    input.recordingId = "rec-old";
+    mock->start(input);
     recovery->save(manifest(RecordingManifest::Stage::active));
     chunkStore->store("rec-old", 2, Bytes(8, 1));
     chunkStore->store("rec-old", 3, Bytes(8, 1));
@@ -82,11 +86,16 @@ TEST_F(CoordinatorRecoveryTest, APauseIsKeptUpToItsLimitAndGivenUpAfter) {
 
     m.pausedAt = addSeconds(clock->now(), -7200);
     recovery->save(m);
+    // The recorder of this process still holds the paused capture.
+    StartRecordingInput input;
+    input.recordingId = "rec-old";
+    mock->start(input);
+    mock->pause();
     EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::resumedActive(true));
     EXPECT_EQ(coordinator->phase(), P::pausedUser);
     EXPECT_EQ(coordinator->timerAnchor()->pausedAt, m.pausedAt);
-    // The heartbeat and a fresh maximum pause run again.
-    waitForSleepersExactly(2);
+    // The heartbeat and a fresh maximum pause run again, beside the paused recorder's chunk loop.
+    waitForSleepersExactly(3);
     clock->advance(60);
     EXPECT_EQ(api->syncs().size(), 2u) << "the relaunch's own sync, then one heartbeat";
 }
@@ -137,4 +146,42 @@ TEST_F(CoordinatorRecoveryTest, AStoppedRecordingWithoutALastSequenceAcknowledge
     EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
     EXPECT_TRUE(uploader->acks().empty());
     EXPECT_EQ(coordinator->phase(), P::processingMapping);
+}
+
+TEST_F(CoordinatorRecoveryTest, ACaptureThatDiedWithTheEarlierProcessIsSettledAtTheHighestChunkKnown) {
+    // The recorder of this process never ran: its last sequence would be 0.
+    auto m = manifest(RecordingManifest::Stage::active);
+    m.isPaused = true;
+    m.pausedAt = addSeconds(clock->now(), -60);
+    recovery->save(m);
+    chunkStore->store("rec-old", 4, Bytes(8, 1));
+
+    // Without the server's list the end is unknown (uploaded chunks left this disk): try again later.
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::deferred());
+    EXPECT_EQ(coordinator->phase(), P::idle);
+    EXPECT_EQ(recovery->load()->stage, RecordingManifest::Stage::active);
+    EXPECT_TRUE(uploader->configurations().empty());
+
+    // Chunks 1 to 6 reached the server before the crash; 4 is still on disk as well.
+    api->chunkAnswer = ChunkReconciliation{{1, 2, 3, 5, 6}, {4}, true};
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(coordinator->phase(), P::processingMapping);
+    EXPECT_EQ(coordinator->lastSequence(), 6);
+    auto settled = recovery->load().value();
+    EXPECT_EQ(settled.stage, RecordingManifest::Stage::stopped);
+    EXPECT_EQ(settled.lastSequence, 6);
+    EXPECT_FALSE(settled.isPaused);
+    EXPECT_EQ(settled.totalPausedMs, 61000) << "the running pause ends at the recovery";
+    EXPECT_EQ(settled.elapsedSeconds, 539);
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{4}}));
+    EXPECT_EQ(uploader->acks(), (std::vector<std::vector<int>>{{1, 2, 3, 5, 6}}));
+}
+
+TEST_F(CoordinatorRecoveryTest, ACaptureThatDiedBeforeItsFirstChunkLeavesNothingBehind) {
+    recovery->save(manifest(RecordingManifest::Stage::active));
+    api->chunkAnswer = ChunkReconciliation{{}, {}, true};
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::discardedEmpty());
+    EXPECT_FALSE(recovery->load().has_value());
+    EXPECT_EQ(coordinator->phase(), P::idle);
+    EXPECT_TRUE(api->finalizes().empty());
 }
