@@ -20,7 +20,7 @@ std::function<void(const Arg&)> both(const std::function<void(const Arg&)>& firs
 } // namespace
 
 ObservingRecorder::ObservingRecorder(std::shared_ptr<NativeRecorder> inner, RecorderEventHandlers observers)
-    : inner_(std::move(inner)), observers_(std::move(observers)) {}
+    : ForwardingRecorder(std::move(inner)), observers_(std::move(observers)) {}
 
 void ObservingRecorder::setEventHandlers(RecorderEventHandlers handlers) {
     handlers.onAudioChunk = both(observers_.onAudioChunk, handlers.onAudioChunk);

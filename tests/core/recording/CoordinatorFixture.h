@@ -3,6 +3,7 @@
 #include "FakeRecordingAPI.h"
 
 #include "core/mock/MockRecorder.h"
+#include "core/recording/ForwardingRecorder.h"
 #include "core/recording/InMemoryRecoveryStore.h"
 #include "core/recording/RecorderError.h"
 #include "core/recording/RecordingCoordinator.h"
@@ -20,9 +21,9 @@
 namespace kavelo::testing {
 
 // A recorder that answers as the mock does, except where a test wants otherwise.
-class ScriptedRecorder final : public NativeRecorder {
+class ScriptedRecorder final : public ForwardingRecorder {
   public:
-    explicit ScriptedRecorder(std::shared_ptr<MockRecorder> inner) : inner_(std::move(inner)) {}
+    explicit ScriptedRecorder(std::shared_ptr<MockRecorder> inner) : ForwardingRecorder(std::move(inner)) {}
 
     std::atomic<int> listMicrophoneCalls{0};
     std::atomic<bool> noMicrophones{false};
@@ -40,16 +41,10 @@ class ScriptedRecorder final : public NativeRecorder {
         };
         inner_->setEventHandlers(std::move(handlers));
     }
-    PermissionState checkMicrophonePermission() override { return inner_->checkMicrophonePermission(); }
-    PermissionState requestMicrophonePermission() override { return inner_->requestMicrophonePermission(); }
-    PermissionState checkSystemAudioPermission() override { return inner_->checkSystemAudioPermission(); }
-    PermissionState requestSystemAudioPermission() override { return inner_->requestSystemAudioPermission(); }
     std::vector<AudioDevice> listMicrophones() override {
         ++listMicrophoneCalls;
         return noMicrophones ? std::vector<AudioDevice>{} : inner_->listMicrophones();
     }
-    std::vector<AudioDevice> listOutputDevices() override { return inner_->listOutputDevices(); }
-    std::vector<AudioDevice> listSystemAudioSources() override { return inner_->listSystemAudioSources(); }
     void start(const StartRecordingInput& input) override {
         started = input;
         inner_->start(input);
@@ -61,30 +56,14 @@ class ScriptedRecorder final : public NativeRecorder {
         int last = inner_->stop();
         return stopAnswersBeyondTheLastChunk ? last + 1 : last;
     }
-    void pause() override { inner_->pause(); }
-    void resume() override { inner_->resume(); }
     void switchMicrophone(const std::string& id) override {
         if (failSwitch) {
             throw RecorderError::notRecording();
         }
         inner_->switchMicrophone(id);
     }
-    void switchOutputDevice(const std::string& id) override { inner_->switchOutputDevice(id); }
-    void switchSystemAudioSource(SystemAudioMode mode, const std::optional<std::string>& target) override {
-        inner_->switchSystemAudioSource(mode, target);
-    }
-    RecorderRuntimeState runtimeState() override { return inner_->runtimeState(); }
-    std::vector<int> uploadedSequences() override { return inner_->uploadedSequences(); }
-    std::vector<int> pendingSequences() override { return inner_->pendingSequences(); }
-    std::vector<FailedChunk> failedChunks() override { return inner_->failedChunks(); }
-    std::map<std::string, std::string> diagnosticsSnapshot() override {
-        return inner_->diagnosticsSnapshot();
-    }
 
     std::optional<StartRecordingInput> started;
-
-  private:
-    std::shared_ptr<MockRecorder> inner_;
 };
 
 // The coordinator on the mock world and a stepping clock. The mock recorder's chunk interval is long by
