@@ -68,6 +68,14 @@ class UploadAgainstStandInTest : public ::testing::Test {
         }
     }
     // Real time passes here: uploads, back-offs and restarts happen on their own threads.
+    // The worker books a chunk as uploaded, then removes its file and tells its event, each on the
+    // uploading thread: a test that reads all three waits for all three.
+    bool uploadSettled(std::size_t count) {
+        return worker_->uploadedSequences().size() == count &&
+               eventsOf(NativeUploadEventKind::uploaded).size() == count &&
+               chunks_->storedSequences("rec-int").empty();
+    }
+
     bool waitUntil(const std::function<bool()>& condition,
                    std::chrono::seconds limit = std::chrono::seconds(30)) {
         auto deadline = std::chrono::steady_clock::now() + limit;
@@ -117,7 +125,7 @@ TEST_F(UploadAgainstStandInTest, TenChunksGoBySignedUrlsFourAtATime) {
     start({"--fault", "signed-upload:latency-ms=250"});
     configure();
     enqueue(1, 10);
-    ASSERT_TRUE(waitUntil([&] { return worker_->uploadedSequences().size() == 10; }));
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(10); }));
     std::vector<int> all{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     EXPECT_EQ(worker_->uploadedSequences(), all);
     for (int s = 1; s <= 10; ++s) {
@@ -143,7 +151,7 @@ TEST_F(UploadAgainstStandInTest, AChunkTheServerHoldsAlreadyCountsAsUploaded) {
     ASSERT_TRUE(held && held->status == 200);
     configure();
     enqueue(1, 3);
-    ASSERT_TRUE(waitUntil([&] { return worker_->uploadedSequences().size() == 3; }));
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(3); }));
     bool saw409 = false;
     for (const auto& e : eventsOf(NativeUploadEventKind::uploaded)) {
         saw409 |= e.sequence == 2 && e.statusCode == 409;
@@ -157,7 +165,7 @@ TEST_F(UploadAgainstStandInTest, ServerErrorsAreRetriedUntilTheChunkGetsThrough)
     start({"--fault", "signed-upload:status=500,count=2"});
     configure();
     enqueue(1, 1);
-    ASSERT_TRUE(waitUntil([&] { return worker_->uploadedSequences() == std::vector<int>{1}; }));
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(1); }));
     auto uploaded = eventsOf(NativeUploadEventKind::uploaded);
     ASSERT_EQ(uploaded.size(), 1u);
     EXPECT_EQ(uploaded[0].attempt, 3);
@@ -170,7 +178,7 @@ TEST_F(UploadAgainstStandInTest, RefusedUrlFetchPausesFetchingWhileChunksGoByThe
     start({"--refuse-url-fetch", "403"});
     configure();
     enqueue(1, 6);
-    ASSERT_TRUE(waitUntil([&] { return worker_->uploadedSequences().size() == 6; }));
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(6); }));
     for (const auto& e : eventsOf(NativeUploadEventKind::uploaded)) {
         EXPECT_EQ(e.mode, "jwt_fallback");
     }
@@ -202,7 +210,7 @@ TEST_F(UploadAgainstStandInTest, ExhaustedAttemptsParkTheChunkAndKeepItsFileForA
 
     ASSERT_TRUE(admin_->Delete("/__admin/faults"));
     worker_->retryFailed();
-    ASSERT_TRUE(waitUntil([&] { return worker_->uploadedSequences() == std::vector<int>{1}; }));
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(1); }));
     EXPECT_FALSE(chunks_->exists("rec-int", 1));
     EXPECT_EQ(storedObject(1), text(chunkBytes(1)));
 }
@@ -217,8 +225,11 @@ TEST_F(UploadAgainstStandInTest, AServerKilledAndRestartedMidDrainLosesNothing) 
     EXPECT_LT(uploadedAtKill, 24u);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     server_->restart();
-    ASSERT_TRUE(
-        waitUntil([&] { return worker_->uploadedSequences().size() == 24; }, std::chrono::seconds(60)));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return worker_->uploadedSequences().size() == 24 && chunks_->storedSequences("rec-int").empty();
+        },
+        std::chrono::seconds(60)));
     EXPECT_TRUE(worker_->failedChunks().empty());
     EXPECT_EQ(chunks_->storedSequences("rec-int"), std::vector<int>{});
     admin_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
