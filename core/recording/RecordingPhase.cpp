@@ -18,23 +18,6 @@ bool isCapturing(RecordingPhase phase) {
     }
 }
 
-bool isInActiveSession(RecordingPhase phase) {
-    switch (phase) {
-    case RecordingPhase::signedOut:
-    case RecordingPhase::idle:
-    case RecordingPhase::updateRequired:
-    case RecordingPhase::permissionMicrophoneNeeded:
-    case RecordingPhase::permissionSystemAudioNeeded:
-    case RecordingPhase::audioDeviceMissing:
-    case RecordingPhase::diskSpaceBlocked:
-    case RecordingPhase::success:
-    case RecordingPhase::errorUnrecoverable:
-        return false;
-    default:
-        return true;
-    }
-}
-
 bool presentsFlowOverlay(RecordingPhase phase) {
     switch (phase) {
     case RecordingPhase::signedOut:
@@ -48,6 +31,12 @@ bool presentsFlowOverlay(RecordingPhase phase) {
     default:
         return true;
     }
+}
+
+// The blockers never start a session; the two endings close it.
+bool isInActiveSession(RecordingPhase phase) {
+    return presentsFlowOverlay(phase) && phase != RecordingPhase::success &&
+           phase != RecordingPhase::errorUnrecoverable;
 }
 
 void to_json(Json& json, RecordingPhase phase) {
