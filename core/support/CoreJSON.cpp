@@ -80,7 +80,9 @@ std::optional<TimePoint> parseInternetDateTime(std::string_view s, bool fraction
     }
     year_month_day ymd{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
                        std::chrono::day(static_cast<unsigned>(day))};
-    if (!ymd.ok()) {
+    // The clock counts nanoseconds in 64 bits, from 1677 to 2262. A date outside that (such as a server's
+    // "9999-12-31" for "never") is none this program can hold: converting it would overflow.
+    if (!ymd.ok() || year < 1678 || year > 2261) {
         return std::nullopt;
     }
     auto tp = sys_days(ymd) + hours(hour) + minutes(minute) + seconds(second) - seconds(offsetSeconds);
