@@ -16,8 +16,8 @@ namespace kavelo {
 // A clock for timeline tests: sleepers block until the test advances time past their wake-up moment.
 //
 // Typical use: start the code under test, waitForSleepers(1) to know it is parked, advance(30), and
-// waitForSleepers again to know it ran its step and parked once more. waitForSleepers waits in real
-// time but only for the code under test to reach its next sleep; it is a rendezvous, not a delay.
+// waitForSleepers again to know it ran its step and parked once more. Nothing here waits for an amount of
+// real time: advance and waitForSleepers wait only for the code under test to get somewhere.
 class SteppingClock final : public Clock {
   public:
     explicit SteppingClock(TimePoint start = TimePoint{});
@@ -26,7 +26,9 @@ class SteppingClock final : public Clock {
     void sleep(double seconds) override;
 
     // Moves time forward in steps, one wake-up moment at a time, so sleepers wake in deadline order.
-    // After each step it waits until the woken sleepers have either slept again or gone.
+    // After each step it waits until every woken thread sleeps here again, or until no other thread of the
+    // process runs (all have ended or wait for something), so that time moves on only once the code under
+    // test is done with the moment it woke at.
     void advance(double seconds);
     // Blocks until at least count tasks sleep on this clock (or the real-time limit passes; then false).
     bool waitForSleepers(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10));
@@ -37,6 +39,7 @@ class SteppingClock final : public Clock {
         TimePoint deadline;
         std::shared_ptr<CancellationToken> token;
         std::atomic<bool> released{false};
+        int thread = 0; // the kernel's id of the sleeping thread
     };
     void settleAfterWake(const std::vector<std::shared_ptr<Sleeper>>& woken);
 
