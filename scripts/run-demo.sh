@@ -50,7 +50,7 @@ if command -v pulseaudio >/dev/null && command -v pactl >/dev/null && command -v
         pulseaudio -n --daemonize=yes --exit-idle-time=-1 --use-pid-file=yes \
         --load='module-native-protocol-unix auth-anonymous=1' \
         --load='module-null-sink sink_name=meeting' \
-        --load='module-null-sink sink_name=micfeed' >"$work/pulseaudio.log" 2>&1; then
+        --load='module-null-sink sink_name=micfeed' >"$demo/pulseaudio.log" 2>&1; then
         export PULSE_SERVER="unix:$work/pulse/native"
         # PipeWire clients look for a server here and find none: the recorder uses this PulseAudio server.
         export PIPEWIRE_RUNTIME_DIR="$work"
@@ -101,8 +101,15 @@ if [ "$real_audio" = 1 ]; then
         "Een eigen geluidsserver draait; twee synthetische stemmen voeren een vergadering via de microfoon en de uitvoer."
     unset KAVELO_RECORDER
 else
-    say "No audio server could be started here (see $work/pulseaudio.log); the demo records from the mock recorder, which makes no sound." \
-        "Hier kon geen geluidsserver starten (zie $work/pulseaudio.log); de demo neemt op met de proefrecorder, die geen geluid maakt."
+    if [ -s "$demo/pulseaudio.log" ]; then
+        say "No audio server could be started here (see $demo/pulseaudio.log)." \
+            "Hier kon geen geluidsserver starten (zie $demo/pulseaudio.log)."
+    else
+        say "No audio server could be started here: pulseaudio, pactl or espeak-ng is missing." \
+            "Hier kon geen geluidsserver starten: pulseaudio, pactl of espeak-ng ontbreekt."
+    fi
+    say "The demo records from the mock recorder instead, which makes no sound." \
+        "De demo neemt daarom op met de proefrecorder, die geen geluid maakt."
     export KAVELO_RECORDER=mock
 fi
 
