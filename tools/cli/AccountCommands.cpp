@@ -190,20 +190,24 @@ int AccountCommands::logout(const std::vector<std::string>& rawArgs) {
     auto& env = context.env();
     const auto session = env.sessionManager->session();
     if (!session) {
-        context.printer().event("signed_out", Json{{"wasSignedIn", false}}, "Nobody was signed in.");
-        return 0;
+        context.printer().event("signed_out", Json{{"wasSignedIn", false}},
+                                context.text("Nobody was signed in.", "Er was niemand aangemeld."));
+        return exitSuccess;
     }
     try {
         env.authService->signOut(session->accessToken);
     } catch (const std::exception& error) {
         // The local session goes regardless: someone who asks to sign out must not stay signed in.
-        context.printer().error("the backend did not confirm the sign-out (" + std::string(error.what()) +
-                                "); the session on this machine is forgotten anyway");
+        context.printer().error(context.text("the backend did not confirm the sign-out (",
+                                             "de backend bevestigde het afmelden niet (") +
+                                error.what() +
+                                context.text("); the session on this machine is forgotten anyway",
+                                             "); de sessie op deze computer is toch vergeten"));
     }
     env.sessionManager->signOut();
     context.printer().event("signed_out", Json{{"wasSignedIn", true}, {"user", userJson(session->user)}},
-                            "Signed out " + session->user.email + ".");
-    return 0;
+                            context.text("Signed out ", "Afgemeld: ") + session->user.email + ".");
+    return exitSuccess;
 }
 
 int AccountCommands::whoami(const std::vector<std::string>& rawArgs) {
@@ -212,21 +216,26 @@ int AccountCommands::whoami(const std::vector<std::string>& rawArgs) {
     auto& env = context.env();
     const auto session = env.sessionManager->session();
     if (!session) {
-        std::string line = "Nobody is signed in.";
-        if (env.usesMockServices) {
-            line += " In the mock world `record` signs in as " + env.demoEmail + " by itself.";
-        } else {
-            line += " Run: kavelo-cli login --email ADDRESS";
-        }
+        const std::string line =
+            env.usesMockServices
+                ? context.text("Nobody is signed in. In the mock world `record` signs in as " +
+                                   env.demoEmail + " by itself.",
+                               "Niemand is aangemeld. In de proefwereld meldt `record` zich zelf aan als " +
+                                   env.demoEmail + ".")
+                : context.text("Nobody is signed in. Run: kavelo-cli login --email ADDRESS",
+                               "Niemand is aangemeld. Voer uit: kavelo-cli login --email ADRES");
         context.printer().event("whoami", Json{{"signedIn", false}}, line);
-        return 1;
+        return exitFailure;
     }
     const bool expired = session->isExpired(env.clock->now());
     context.printer().event(
         "whoami", Json{{"signedIn", true}, {"user", userJson(session->user)}, {"tokenExpired", expired}},
-        "Signed in as " + session->user.email +
-            (expired ? " (the access token will be refreshed on first use)" : "") + ".");
-    return 0;
+        context.text("Signed in as ", "Aangemeld als ") + session->user.email +
+            (expired ? context.text(" (the access token will be refreshed on first use)",
+                                    " (de toegangssleutel wordt bij het eerste gebruik vernieuwd)")
+                     : "") +
+            ".");
+    return exitSuccess;
 }
 
 } // namespace kavelo::cli

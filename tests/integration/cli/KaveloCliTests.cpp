@@ -399,9 +399,9 @@ TEST_F(KaveloCliTest, ASessionFileThatIsAFolderOrReadableByOthersIsRefusedAndAFa
 // by its duration, so the first Ctrl-C already gives up the wait for a slow finalize, and the next one
 // ends the program at once while the request is still under way. The recording stays for `recover`.
 TEST_F(KaveloCliTest, InTheLiveWorldCtrlCAfterTheStopGivesUpAndTheNextEndsAStuckFinalizeAtOnce) {
-    std::unique_ptr<testing::PrivateAudioDaemon> daemon;
+    std::unique_ptr<kavelo::testing::PrivateAudioDaemon> daemon;
     try {
-        daemon = testing::PrivateAudioDaemon::startPulseAudio();
+        daemon = kavelo::testing::PrivateAudioDaemon::startPulseAudio();
     } catch (const std::exception& e) {
         GTEST_SKIP() << "pulseaudio did not start: " << e.what();
     }
