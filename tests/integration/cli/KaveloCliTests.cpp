@@ -10,8 +10,11 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <pty.h>
 #include <set>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 using namespace kavelo;
@@ -393,6 +396,51 @@ TEST_F(KaveloCliTest, ASessionFileThatIsAFolderOrReadableByOthersIsRefusedAndAFa
     EXPECT_EQ(out.find("Session kept"), std::string::npos) << out;
     EXPECT_NE(login->errorOutput().find("could not be saved in " + unwritable), std::string::npos)
         << login->errorOutput();
+}
+
+// At a terminal the password is typed with the echo off; a Ctrl-C there must hand the terminal back
+// with its echo, or the user types blind afterwards.
+TEST_F(KaveloCliTest, ACtrlCAtThePasswordPromptGivesTheTerminalItsEchoBack) {
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        ::setenv("KAVELO_BACKEND", "mock", 1);
+        ::setenv("XDG_DATA_HOME", home_.c_str(), 1);
+        ::setenv("LANG", "C.UTF-8", 1);
+        ::unsetenv("KAVELO_INFO_FILE");
+        ::execl(KAVELO_CLI_BINARY, "kavelo-cli", "login", "--email", "demo@kavely.nl",
+                static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    std::string seen;
+    termios settings{};
+    for (int i = 0; i < 300 && seen.find("Password: ") == std::string::npos; ++i) {
+        char buffer[256];
+        const ssize_t n = ::read(terminal, buffer, sizeof buffer);
+        if (n <= 0) {
+            break;
+        }
+        seen.append(buffer, static_cast<std::size_t>(n));
+    }
+    ASSERT_NE(seen.find("Password: "), std::string::npos) << seen;
+    // The prompt is written just before the echo goes off: wait until it is.
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(::tcgetattr(terminal, &settings), 0);
+        if ((settings.c_lflag & ECHO) == 0) {
+            break;
+        }
+        ::usleep(10'000);
+    }
+    ASSERT_EQ(settings.c_lflag & ECHO, 0u) << "the password would be shown";
+    const char interrupt = '\x03';
+    ASSERT_EQ(::write(terminal, &interrupt, 1), 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status;
+    ASSERT_EQ(::tcgetattr(terminal, &settings), 0);
+    EXPECT_NE(settings.c_lflag & ECHO, 0u);
+    ::close(terminal);
 }
 
 // The live world against the stand-in, recording a tone from a private audio server. The recording ends
