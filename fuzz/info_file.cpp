@@ -1,5 +1,6 @@
 // The information file that KAVELO_INFO_FILE names: any content gives a dictionary whose values are
-// usable texts or absent.
+// usable texts or absent, or the EnvironmentError that names the file and what is wrong with it.
+#include "app/shell/EnvironmentError.h"
 #include "app/shell/InfoDictionary.h"
 #include "fuzz/FuzzInput.h"
 #include "fuzz/ScratchFile.h"
@@ -11,7 +12,12 @@ using namespace kavelo;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const fuzz::ScratchFile file("info.json");
     file.write(fuzz::FuzzInput(data, size).rest());
-    auto info = InfoDictionary::fromFile(file.path());
+    InfoDictionary info;
+    try {
+        info = InfoDictionary::fromFile(file.path());
+    } catch (const EnvironmentError&) {
+        return 0;
+    }
     for (const char* key : {"SUPABASE_URL", "SUPABASE_ANON_KEY", "CFBundleShortVersionString",
                             "CFBundleVersion", "SUFeedURL", ""}) {
         if (auto value = info.value(key); value && value->empty()) {
