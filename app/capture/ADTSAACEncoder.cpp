@@ -5,6 +5,7 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
 #include <libavutil/log.h>
+#include <libavutil/opt.h>
 }
 
 #include <algorithm>
@@ -19,7 +20,7 @@ namespace {
 constexpr std::size_t reservedOutputBytes = 8 * (1024 + ADTSAACEncoder::headerSize);
 } // namespace
 
-ADTSAACEncoder::ADTSAACEncoder() {
+ADTSAACEncoder::ADTSAACEncoder(Coder coder) {
     // Closing an encoder that was never flushed makes FFmpeg warn about the frames it still held; that is
     // how every capture run ends here, so only FFmpeg's errors reach stderr.
     static std::once_flag quietLibrary;
@@ -38,7 +39,8 @@ ADTSAACEncoder::ADTSAACEncoder() {
     context->profile = FF_PROFILE_AAC_LOW;
     context->time_base = AVRational{1, sampleRate};
     av_channel_layout_default(&context->ch_layout, 1);
-    if (avcodec_open2(context, codec, nullptr) < 0 || context->frame_size != framesPerPacket) {
+    if (av_opt_set(context->priv_data, "aac_coder", coder == Coder::fast ? "fast" : "twoloop", 0) < 0 ||
+        avcodec_open2(context, codec, nullptr) < 0 || context->frame_size != framesPerPacket) {
         avcodec_free_context(&context);
         return;
     }

@@ -34,9 +34,14 @@ class ADTSAACEncoder {
     using Header = std::array<std::uint8_t, headerSize>;
     using Output = std::function<void(const Bytes&)>;
 
+    // FFmpeg's quantisation search ("aac_coder"). twoLoop searches per band for the least audible noise
+    // and is FFmpeg's default; fast takes a single pass and costs a fraction of the time.
+    enum class Coder { twoLoop, fast };
+    static constexpr Coder defaultCoder = Coder::twoLoop;
+
     // A failing codec set-up leaves the encoder inert: encode() then does nothing, and the recorder's
     // health check notices that no chunks come.
-    ADTSAACEncoder();
+    explicit ADTSAACEncoder(Coder coder = defaultCoder);
     ~ADTSAACEncoder();
     ADTSAACEncoder(const ADTSAACEncoder&) = delete;
     ADTSAACEncoder& operator=(const ADTSAACEncoder&) = delete;
