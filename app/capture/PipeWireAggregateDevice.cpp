@@ -390,11 +390,12 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
 
     // The graph is asked for 48 kHz and kept there while we record: our ports take the graph's own
     // rate, and a switch to another rate in the middle of a meeting (a player that wants 44.1 kHz) would
-    // cost cycles until the next rebuild.
+    // cost cycles until the next rebuild. We ask for 100 ms cycles: a recorder needs no lower latency, and
+    // the graph (up to its largest quantum, or what another client asks) then wakes us far less often.
     auto* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
                                     PW_KEY_MEDIA_ROLE, "Production", PW_KEY_NODE_NAME, "kavely.capture",
                                     PW_KEY_NODE_DESCRIPTION, "Kavely Capture", PW_KEY_NODE_RATE, "1/48000",
-                                    PW_KEY_NODE_LOCK_RATE, "true", nullptr);
+                                    PW_KEY_NODE_LOCK_RATE, "true", PW_KEY_NODE_LATENCY, "4800/48000", nullptr);
     g->filter = pw_filter_new(g->core, "kavely.capture", props);
     if (g->filter == nullptr) {
         throw std::runtime_error("pw_filter_new failed");

@@ -85,7 +85,7 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
         }
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<std::uint32_t>(-1);
-        attr.fragsize = static_cast<std::uint32_t>(framesPerBuffer * sizeof(float));
+        attr.fragsize = static_cast<std::uint32_t>(framesPerFragment * sizeof(float));
         auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY |
                                                     (target.allowMoves ? 0 : PA_STREAM_DONT_MOVE));
         if (pa_stream_connect_record(self->stream_, target.source.c_str(), &attr, flags) < 0) {
