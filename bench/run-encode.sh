@@ -4,7 +4,7 @@
 # the same samples, bit rate and coder, best of R interleaved rounds. Prints the three and their ratios.
 #
 # usage: bench/run-encode.sh [S] [R] [build dir] [extra bench/encode options...]
-#        (defaults: 600, 3, build/default; e.g. --coder fast, --frames 4800)
+#        (defaults: 600, 3, build/default; e.g. --frames 4800)
 set -euo pipefail
 
 seconds="${1:-600}"

@@ -124,7 +124,8 @@ std::string captureRoad() {
         return n;
     };
     const int nodes = count("pw-cli ls Node 2>/dev/null | grep -c kavely.capture");
-    const int streams = count("pactl list short source-outputs 2>/dev/null | grep -vc ffmpeg");
+    const int streams =
+        count("pactl list source-outputs 2>/dev/null | grep -c 'application.name = \"Kavely'");
     return std::to_string(nodes) + " PipeWire capture node(s) of ours, " + std::to_string(streams) +
            " PulseAudio record stream(s)";
 }
