@@ -331,11 +331,19 @@ double LinuxNativeRecorder::rms(const float* samples, std::size_t frames) {
     if (samples == nullptr || frames == 0) {
         return 0;
     }
-    double sum = 0;
-    for (std::size_t i = 0; i < frames; ++i) {
-        sum += double(samples[i]) * double(samples[i]);
+    // Four running sums instead of one: a single sum waits for its previous addition at every sample,
+    // and this runs over every buffer of both streams.
+    double sums[4] = {};
+    std::size_t i = 0;
+    for (; i + 4 <= frames; i += 4) {
+        for (std::size_t k = 0; k < 4; ++k) {
+            sums[k] += double(samples[i + k]) * double(samples[i + k]);
+        }
     }
-    return std::sqrt(sum / double(frames));
+    for (; i < frames; ++i) {
+        sums[0] += double(samples[i]) * double(samples[i]);
+    }
+    return std::sqrt(((sums[0] + sums[1]) + (sums[2] + sums[3])) / double(frames));
 }
 
 void LinuxNativeRecorder::handleMicBuffer(const float* samples, std::size_t frames) {
@@ -405,10 +413,12 @@ void LinuxNativeRecorder::appendSystemSamples(const float* samples, std::size_t 
 void LinuxNativeRecorder::mixInSystemAudio(float* buffer, std::size_t frames) {
     std::lock_guard lock(mutex_);
     const std::size_t n = std::min(systemRing_.size(), frames);
-    for (std::size_t i = 0; i < n; ++i) {
-        buffer[i] = std::clamp(buffer[i] + systemRing_[i], -1.0f, 1.0f);
+    // Walked with an iterator: indexing a deque finds the block of every sample anew.
+    auto source = systemRing_.begin();
+    for (std::size_t i = 0; i < n; ++i, ++source) {
+        buffer[i] = std::clamp(buffer[i] + *source, -1.0f, 1.0f);
     }
-    systemRing_.erase(systemRing_.begin(), systemRing_.begin() + long(n));
+    systemRing_.erase(systemRing_.begin(), source);
 }
 
 std::vector<float> LinuxNativeRecorder::systemRingSnapshot() const {
