@@ -259,15 +259,18 @@ TEST_F(RecorderFixture, LevelsAreScaledRmsAndSilenceRaisesTheAlarmEvery500Buffer
 
 TEST_F(RecorderFixture, MicrophoneAndSystemToneEndUpMixedInDecodableChunks) {
     recorder->start(input(SystemAudioMode::app));
-    // 9 seconds in 1024-frame cycles, system before microphone as the aggregate path delivers them.
-    for (std::size_t offset = 0; offset < 9 * 48000; offset += 1024) {
+    // 16 seconds in 1024-frame cycles, system before microphone as the aggregate path delivers them. A
+    // tone costs the encoder well under its 96 kbit/s, so this is what it takes to fill more than a chunk.
+    for (std::size_t offset = 0; offset < 16 * 48000; offset += 1024) {
         backend->pushSystem(tone(440, 1024, offset, 0.3f));
         backend->pushMicrophone(tone(440, 1024, offset, 0.3f));
     }
     recorder->stop();
     auto chunks = uploader->snapshot();
-    ASSERT_EQ(chunks.size(), 2u);
-    EXPECT_GE(chunks[0].data.size(), LinuxNativeRecorder::chunkCutBytes);
+    ASSERT_GE(chunks.size(), 2u);
+    for (std::size_t i = 0; i + 1 < chunks.size(); ++i) {
+        EXPECT_GE(chunks[i].data.size(), LinuxNativeRecorder::chunkCutBytes);
+    }
     Bytes all;
     for (const auto& c : chunks) {
         all.insert(all.end(), c.data.begin(), c.data.end());
@@ -275,7 +278,7 @@ TEST_F(RecorderFixture, MicrophoneAndSystemToneEndUpMixedInDecodableChunks) {
     EXPECT_EQ(splitAdtsFrames(chunks[0].data).empty(), false) << "a chunk holds whole frames";
     auto decoded = decodeAdts(all);
     ASSERT_TRUE(decoded.ok);
-    EXPECT_NEAR(decoded.seconds(), 9.0, 0.15);
+    EXPECT_NEAR(decoded.seconds(), 16.0, 0.15);
     EXPECT_NEAR(decoded.estimatedFrequency(), 440, 10);
     // Two in-phase 0.3 tones summed: amplitude 0.6, rms 0.42.
     EXPECT_NEAR(decoded.rms(48000, decoded.samples.size() - 48000), 0.424, 0.04);
