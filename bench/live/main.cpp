@@ -109,8 +109,8 @@ std::vector<std::pair<std::string, long>> residentByMapping(pid_t pid) {
     return sorted;
 }
 
-// Which road the recorder took, as the server sees it: the aggregate path is one PipeWire node of ours,
-// the fallback path two record streams over the PulseAudio protocol.
+// Which road the recorder took, as the server sees it: the aggregate path is one PipeWire node of ours
+// (which a PipeWire server also lists as one record stream), the fallback path two record streams.
 std::string captureRoad() {
     auto count = [](const char* command) {
         FILE* pipe = popen(command, "r");
@@ -127,7 +127,7 @@ std::string captureRoad() {
     const int streams =
         count("pactl list source-outputs 2>/dev/null | grep -c 'application.name = \"Kavely'");
     return std::to_string(nodes) + " PipeWire capture node(s) of ours, " + std::to_string(streams) +
-           " PulseAudio record stream(s)";
+           " record stream(s) of ours listed over the PulseAudio protocol";
 }
 
 // The kernel's split of the resident set: anonymous (heap, stacks, relocated library data), file pages
