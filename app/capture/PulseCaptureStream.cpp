@@ -4,6 +4,7 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 
@@ -92,6 +93,7 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
             failure = "pa_stream_connect_record: " +
                       std::string(pa_strerror(pa_context_errno(self->connection_->context())));
         } else {
+            const auto since = std::chrono::steady_clock::now();
             for (;;) {
                 auto state = pa_stream_get_state(self->stream_);
                 if (state == PA_STREAM_READY) {
@@ -102,7 +104,10 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
                               std::string(pa_strerror(pa_context_errno(self->connection_->context())));
                     break;
                 }
-                self->connection_->wait();
+                if (!self->connection_->wait(since)) {
+                    failure = "the audio server did not start the stream in time";
+                    break;
+                }
             }
         }
         // A stream that lands elsewhere than asked (say the microphone where a monitor was meant) is a
