@@ -65,6 +65,8 @@ class AggregateCapture {
     virtual bool waitForFirstAudio(double timeoutSeconds) = 0;
     // Tears everything down; no handler runs after it has returned (unless called from a handler).
     virtual void stop() = 0;
+    // Cycles the audio server produced that were lost because the handlers fell seconds behind.
+    [[nodiscard]] virtual long long droppedCycles() const = 0;
 };
 
 // Opens captures. Implemented over PipeWire and the PulseAudio API by LinuxCaptureBackend.
