@@ -46,6 +46,14 @@ TEST_F(CoordinatorLiveSessionTest, FirstChunkWatchdogWarnsOnceAndTheNextChunkCle
     EXPECT_EQ(std::count(heard.begin(), heard.end(), P::recording), 2) << "the repeat fired nothing";
 }
 
+TEST_F(CoordinatorLiveSessionTest, AQuietMeetingThatEncodesWithoutAChunkYetIsNoMissingAudio) {
+    startRecording();
+    recorder->bytesEncoded = 520 * 30; // silent AAC: a chunk only after some three minutes
+    clock->advance(30);
+    EXPECT_EQ(coordinator->phase(), P::recording);
+    EXPECT_FALSE(coordinator->warnings().noAudio);
+}
+
 TEST_F(CoordinatorLiveSessionTest, ChunksFromTheMockLoopKeepTheWatchdogQuiet) {
     behavior.chunkInterval = 10.0;
     build();
