@@ -229,7 +229,8 @@ bool LinuxNativeRecorder::startAggregateCapture(const std::string& microphoneId)
     try {
         engine->start();
     } catch (const std::exception& e) {
-        logger_->warn(std::string("[tap] start failed: ") + e.what() + " — audio-capture permissie?");
+        logger_->warn(std::string("[tap] start failed: ") + e.what() +
+                      " — runs PipeWire, and may we read the output? (pw-cli info 0)");
         engine->stop();
         std::lock_guard lock(mutex_);
         aggregateEngine_.reset();
@@ -312,7 +313,8 @@ void LinuxNativeRecorder::startSystemAudioCapture(SystemAudioMode mode,
         return;
     }
     case Outcome::unavailable: {
-        logger_->warn("system audio requested without screen-capture permission; continuing mic-only");
+        logger_->warn(
+            "the audio server refuses to let us read its output; continuing with the microphone only");
         auto change = stateChange(RecorderState::routeChanged, "system_audio_unavailable");
         change.friendlyName = onlyMicrophone;
         sendState(change);

@@ -373,7 +373,8 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
         mic = nodeNamed(*g, g->defaultSource, "Audio/Source");
     }
     if (!mic) {
-        throw std::runtime_error("defaultInputDevice: no default input");
+        throw std::runtime_error(
+            "PipeWire has no default input: choose a microphone in the sound settings or pavucontrol");
     }
     auto micPorts = portsOf(*g, *mic, false);
     if (micPorts.empty()) {

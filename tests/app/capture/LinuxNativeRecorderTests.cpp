@@ -312,7 +312,8 @@ TEST_F(RecorderFixture, AggregatePathIsChosenForSystemModeAndFallsBackWithARepor
     backend->aggregateDeliversAudio = true;
     backend->aggregateStartError = "no default sink";
     recorder->start(input());
-    EXPECT_TRUE(logged("[tap] start failed: no default sink — audio-capture permissie?"));
+    EXPECT_TRUE(logged(
+        "[tap] start failed: no default sink — runs PipeWire, and may we read the output? (pw-cli info 0)"));
     EXPECT_EQ(events.errorCodes().size(), 2u);
     recorder->stop();
 }
