@@ -130,6 +130,7 @@ void LinuxNativeRecorder::start(const StartRecordingInput& input) {
         stoppingOrRestarting_ = false;
     }
     startCapture(input);
+    awaitFirstMicrophoneSamples();
     bool aggregate;
     {
         std::lock_guard lock(mutex_);
@@ -141,6 +142,22 @@ void LinuxNativeRecorder::start(const StartRecordingInput& input) {
     logger_->info("LinuxNativeRecorder started (mic=" + input.microphoneDeviceId +
                   ", system=" + std::string(toRaw(input.systemAudioMode)) +
                   ", engine=" + (aggregate ? "aggregate-tap" : "dual") + ")");
+}
+
+// The recording's clock starts when start returns: returning before the microphone sends samples would
+// make every recording shorter than its time by however long the server took to link and wake the device.
+// The aggregate path waits for its first cycle itself.
+// Called by start and resume only: the capture they made stays theirs while they wait (the restart and
+// health tasks are not running yet).
+void LinuxNativeRecorder::awaitFirstMicrophoneSamples() {
+    MicrophoneCapture* microphone = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        microphone = microphone_.get();
+    }
+    if (microphone != nullptr && !microphone->waitForFirstSamples(firstAudioWaitSeconds)) {
+        logger_->warn("microphone sent nothing within 2.5s; recording goes on, the health check watches it");
+    }
 }
 
 bool LinuxNativeRecorder::audioTapDisabled() const {
@@ -571,6 +588,7 @@ void LinuxNativeRecorder::resume() {
         sendState(stateChange(RecorderState::resumeFailed));
         throw RecorderError::resumeFailed(lastError);
     }
+    awaitFirstMicrophoneSamples();
     {
         std::lock_guard lock(mutex_);
         userPaused_ = false;

@@ -110,6 +110,7 @@ class LinuxNativeRecorder final : public NativeRecorder,
     void stopAggregateCapture();
     void startEngineGraph(const std::string& microphoneId);
     void teardownEngine();
+    void awaitFirstMicrophoneSamples();
     void startSystemAudioCapture(SystemAudioMode mode, const std::optional<std::string>& targetId);
     void stopSystemAudioCapture();
     void tearDownCapture(); // stopAggregateCapture, stopSystemAudioCapture, teardownEngine
