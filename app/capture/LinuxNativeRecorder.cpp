@@ -502,13 +502,14 @@ bool LinuxNativeRecorder::cancelPendingRestart() {
 }
 
 int LinuxNativeRecorder::stop() {
+    // The health check first: a tick under way may still order a restart, which the next line cancels.
+    stopHealthCheck();
     cancelPendingRestart();
     {
         std::lock_guard lock(mutex_);
         stoppingOrRestarting_ = true;
     }
     sendState(stateChange(RecorderState::stopping));
-    stopHealthCheck();
     // The capture delivers what it still buffers and the encoder its tail before the last chunk is cut.
     tearDownCapture();
     Bytes last;
@@ -539,8 +540,8 @@ void LinuxNativeRecorder::pause() {
             throw RecorderError::notRecording();
         }
     }
-    cancelPendingRestart();
     stopHealthCheck();
+    cancelPendingRestart();
     // Everything captured up to the pause still goes into this chunk: the capture is drained and the
     // encoder flushed before the cut, and only then are buffers refused.
     tearDownCapture();
