@@ -237,7 +237,7 @@ TEST_F(EngineFixture, StalledGraphIsRebuiltFiveTimesThenGivenUpUntilAudioReturns
     EXPECT_TRUE(waitForLog("aggregate rebuild (default device changed) — attempt 1/5"));
 }
 
-TEST_F(EngineFixture, TenMinutesOfExactZerosKeepTheGraphAndOnlyMissingCyclesRebuildIt) {
+TEST_F(EngineFixture, AMinuteOfExactZerosKeepsTheGraphAndOnlyMissingCyclesRebuildIt) {
     auto clock = std::make_shared<SteppingClock>();
     make(clock);
     engine->start();
@@ -246,7 +246,7 @@ TEST_F(EngineFixture, TenMinutesOfExactZerosKeepTheGraphAndOnlyMissingCyclesRebu
     // A muted microphone in a quiet meeting: nothing but zeros, and no data at all on one port.
     std::vector<float> zeros(3 * 64, 0.0f);
     std::vector<float> one(64, 0.0f);
-    for (int second = 0; second < 600; second += 3) {
+    for (int second = 0; second < 60; second += 3) {
         ASSERT_TRUE(device->cycle(oneBuffer(zeros, 3)));
         ASSERT_TRUE(device->cycle({{{1, one.data(), 256}, {1, nullptr, 256}, {1, one.data(), 256}}}));
         clock->advance(3);

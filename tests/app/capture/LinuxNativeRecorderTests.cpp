@@ -303,10 +303,11 @@ TEST_F(RecorderFixture, AggregatePathIsChosenForSystemModeAndFallsBackWithARepor
     EXPECT_TRUE(logged("[tap] no IO callbacks within 2.5s — tearing down"));
     EXPECT_EQ(events.errorCodes(), (std::vector<std::string>{"SYSTEM_AUDIO_TAP_UNAVAILABLE"}));
     EXPECT_EQ(backend->microphoneIds, (std::vector<std::string>{"mic-1"}));
-    EXPECT_EQ(
-        recorder->diagnosticsSnapshot(),
-        (std::map<std::string, std::string>{
-            {"platform", "linux"}, {"engine", "PulseAudio"}, {"lastSequence", "0"}, {"bytesEncoded", "0"}}));
+    EXPECT_EQ(recorder->diagnosticsSnapshot(), (std::map<std::string, std::string>{{"platform", "linux"},
+                                                                                   {"engine", "PulseAudio"},
+                                                                                   {"lastSequence", "0"},
+                                                                                   {"bytesEncoded", "0"},
+                                                                                   {"droppedCycles", "0"}}));
     recorder->stop();
 
     backend->aggregateDeliversAudio = true;
