@@ -71,7 +71,7 @@ ADTSAACEncoder::~ADTSAACEncoder() {
 }
 
 void ADTSAACEncoder::encode(const float* samples, std::size_t frameCount) {
-    if (context_ == nullptr || samples == nullptr) {
+    if (context_ == nullptr || samples == nullptr || flushed_) {
         return;
     }
     output_.clear();
@@ -86,6 +86,30 @@ void ADTSAACEncoder::encode(const float* samples, std::size_t frameCount) {
         if (filled_ == framesPerPacket) {
             encodeFullFrame();
         }
+    }
+    if (!output_.empty() && onEncodedData_) {
+        onEncodedData_(output_);
+    }
+}
+
+void ADTSAACEncoder::flush() {
+    if (context_ == nullptr || flushed_) {
+        return;
+    }
+    flushed_ = true;
+    output_.clear();
+    // The encoder takes a short last frame: the recording ends where its audio ends, not a frame later.
+    if (filled_ > 0 && av_frame_make_writable(frame_) >= 0) {
+        frame_->nb_samples = filled_;
+        frame_->pts = nextPts_;
+        nextPts_ += filled_;
+        if (avcodec_send_frame(context_, frame_) == 0) {
+            drainPackets();
+        }
+    }
+    filled_ = 0;
+    if (avcodec_send_frame(context_, nullptr) == 0) {
+        drainPackets();
     }
     if (!output_.empty() && onEncodedData_) {
         onEncodedData_(output_);

@@ -45,6 +45,7 @@ class PulseCaptureStream final : public MicrophoneCapture, public SystemAudioCap
     static std::unique_ptr<PulseCaptureStream> open(std::unique_ptr<PulseConnection> connection,
                                                     const Target& target, MonoBufferHandler handler);
     ~PulseCaptureStream() override;
+    bool waitForFirstSamples(double timeoutSeconds) override;
 
   private:
     // What the worker thread shares with this object; it outlives the object when the handler destroys it.
@@ -53,6 +54,7 @@ class PulseCaptureStream final : public MicrophoneCapture, public SystemAudioCap
         std::condition_variable changed;
         std::vector<float> pending; // guarded by mutex
         bool closing = false;       // guarded by mutex
+        bool received = false;      // guarded by mutex: the server has sent samples
         MonoBufferHandler handler;  // fixed before the worker starts
     };
 
