@@ -106,6 +106,10 @@ bool EnvironmentSettings::usesMockServices(AppEnvironmentMode mode, const AppCon
 }
 
 std::string EnvironmentSettings::sessionServiceName(AppEnvironmentMode mode) {
+    return mode == AppEnvironmentMode::live ? "com.kavely.linux.session" : "com.kavely.linux.session.mock";
+}
+
+std::string EnvironmentSettings::legacySessionServiceName(AppEnvironmentMode mode) {
     return mode == AppEnvironmentMode::live ? "com.kavely.mac.session" : "com.kavely.mac.session.mock";
 }
 

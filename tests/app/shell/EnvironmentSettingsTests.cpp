@@ -30,7 +30,7 @@ TEST(EnvironmentSettings, BundleWithoutBackendRunsTheMockWorldInItsOwnPlaces) {
     EXPECT_EQ(mode, AppEnvironmentMode::mock);
     const auto dir = EnvironmentSettings::dataDirectory(mode, env);
     EXPECT_EQ(dir, std::filesystem::path("/home/ann/.local/share/Kavely/Mock"));
-    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.mac.session.mock");
+    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.linux.session.mock");
     const auto config = EnvironmentSettings::makeConfig(mode, info(Json::object()), dir);
     EXPECT_NE(config.supabaseUrl.find("mock"), std::string::npos);
     EXPECT_EQ(config.anonKey.size(), 13u);
@@ -43,7 +43,7 @@ TEST(EnvironmentSettings, ForcedLiveWithoutBackendValuesKeepsLivePlacesButMockSe
     const auto mode = EnvironmentSettings::detectMode(info(Json::object()), env);
     EXPECT_EQ(mode, AppEnvironmentMode::live);
     EXPECT_EQ(EnvironmentSettings::dataDirectory(mode, env), std::filesystem::path("/data/Kavely"));
-    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.mac.session");
+    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.linux.session");
     const auto config = EnvironmentSettings::makeConfig(mode, info(Json::object()), "/data/Kavely");
     EXPECT_TRUE(EnvironmentSettings::usesMockServices(mode, config));
 }
