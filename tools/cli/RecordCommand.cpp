@@ -334,20 +334,20 @@ int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly)
         context.printer().say("Nothing to recover.");
         driver.printDone(retryOnly ? "no recording to retry" : "");
         return retryOnly ? 1 : 0;
-    case Kind::discardedExpired:
-        context.printer().say("The recording left behind was too old to finish and was set aside.");
-        driver.printDone("the recording left behind had expired");
-        return 1;
+    case Kind::finishedFinalize:
+        context.printer().say("The report of the recording left behind had been requested; the server has it "
+                              "and the local copy was removed.");
+        driver.printDone("");
+        return 0;
     case Kind::discardedEmpty:
         context.printer().say(
             "The recording left behind was cut off before its first chunk; nothing of it was kept.");
         driver.printDone("the recording left behind ended before its first chunk; nothing to send");
         return retryOnly ? 1 : 0;
     case Kind::deferred:
-        context.printer().error(
-            "the server could not say which chunks of the recording left behind it holds; "
-            "the recording stays on this machine, try again when the server is reachable");
-        driver.printDone("the server could not be asked which chunks it holds");
+        context.printer().error("the server could not be reached to finish the recording left behind; "
+                                "the recording stays on this machine, try again with: kavelo-cli recover");
+        driver.printDone("the server could not be reached");
         return 1;
     case Kind::resumedActive:
         context.printer().say("A recording was still running when the last run ended; stopping it now.");
