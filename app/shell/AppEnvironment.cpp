@@ -106,7 +106,8 @@ AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
     switch (options.sessionStorage) {
     case SessionStorage::secretService:
         sessionStore_ = std::make_shared<SecretServiceSessionStore>(
-            EnvironmentSettings::sessionServiceName(mode), EnvironmentSettings::kSessionAccount, storeLogger);
+            EnvironmentSettings::sessionServiceName(mode), EnvironmentSettings::kSessionAccount, storeLogger,
+            EnvironmentSettings::legacySessionServiceName(mode));
         break;
     case SessionStorage::file:
         sessionStore_ = std::make_shared<FileSessionStore>(

@@ -110,6 +110,10 @@ AppConfig EnvironmentSettings::makeConfig(AppEnvironmentMode mode, const InfoDic
 }
 
 std::string EnvironmentSettings::sessionServiceName(AppEnvironmentMode mode) {
+    return mode == AppEnvironmentMode::live ? "com.kavely.linux.session" : "com.kavely.linux.session.mock";
+}
+
+std::string EnvironmentSettings::legacySessionServiceName(AppEnvironmentMode mode) {
     return mode == AppEnvironmentMode::live ? "com.kavely.mac.session" : "com.kavely.mac.session.mock";
 }
 

@@ -41,6 +41,8 @@ class EnvironmentSettings {
 
     // The Secret Service item that holds the session; the two worlds never share one.
     static std::string sessionServiceName(AppEnvironmentMode mode);
+    // The name that earlier versions stored the session under; read once and moved.
+    static std::string legacySessionServiceName(AppEnvironmentMode mode);
     static constexpr const char* kSessionAccount = "auth-session";
 };
 

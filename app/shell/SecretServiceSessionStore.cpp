@@ -51,18 +51,36 @@ struct SecretText {
 } // namespace
 
 SecretServiceSessionStore::SecretServiceSessionStore(std::string service, std::string account,
-                                                     std::shared_ptr<CoreLogger> logger)
-    : service_(std::move(service)), account_(std::move(account)), logger_(std::move(logger)) {}
+                                                     std::shared_ptr<CoreLogger> logger,
+                                                     std::string legacyService)
+    : service_(std::move(service)), legacyService_(std::move(legacyService)), account_(std::move(account)),
+      logger_(std::move(logger)) {}
 
 void SecretServiceSessionStore::disconnect() {
     secret_service_disconnect();
 }
 
 std::optional<AuthSession> SecretServiceSessionStore::load() {
+    if (auto session = lookup(service_)) {
+        return session;
+    }
+    if (legacyService_.empty() || legacyService_ == service_) {
+        return std::nullopt;
+    }
+    auto session = lookup(legacyService_);
+    if (session) {
+        // Moved, not copied: one item per session, under the name this version reads.
+        save(*session);
+        clearItem(legacyService_);
+    }
+    return session;
+}
+
+std::optional<AuthSession> SecretServiceSessionStore::lookup(const std::string& service) {
     ErrorHolder failure;
     SecretText secret;
     secret.text = secret_password_lookup_sync(sessionSchema(), nullptr, &failure.error, "service",
-                                              service_.c_str(), "account", account_.c_str(), nullptr);
+                                              service.c_str(), "account", account_.c_str(), nullptr);
     if (failure.error) {
         logger_->error("Secret Service load faalde: status " + std::to_string(failure.code()));
         return std::nullopt;
@@ -115,9 +133,16 @@ void SecretServiceSessionStore::save(const AuthSession& session) {
 }
 
 void SecretServiceSessionStore::clear() {
+    clearItem(service_);
+    if (!legacyService_.empty() && legacyService_ != service_) {
+        clearItem(legacyService_);
+    }
+}
+
+void SecretServiceSessionStore::clearItem(const std::string& service) {
     ErrorHolder failure;
     // FALSE without an error means there was no item, which is what clearing wants.
-    secret_password_clear_sync(sessionSchema(), nullptr, &failure.error, "service", service_.c_str(),
+    secret_password_clear_sync(sessionSchema(), nullptr, &failure.error, "service", service.c_str(),
                                "account", account_.c_str(), nullptr);
     if (failure.error) {
         logger_->error("Secret Service delete faalde: status " + std::to_string(failure.code()));

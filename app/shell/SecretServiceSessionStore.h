@@ -4,6 +4,7 @@
 #include "core/support/CoreLogger.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace kavelo {
@@ -19,9 +20,12 @@ namespace kavelo {
 // Calls block on D-Bus and may come from any thread; the object has no mutable state.
 class SecretServiceSessionStore final : public SessionStore {
   public:
-    // The application uses service "com.kavely.mac.session" (".mock" appended in mock mode) and account
-    // "auth-session". The logger is the store's own, category "keychain".
-    SecretServiceSessionStore(std::string service, std::string account, std::shared_ptr<CoreLogger> logger);
+    // The application uses service "com.kavely.linux.session" (".mock" appended in mock mode) and account
+    // "auth-session". The logger is the store's own, category "keychain". A session found only under
+    // legacyService (the name that earlier versions stored it under) is moved to service on loading, and
+    // clearing removes both, so that a sign-out never finds the old item come back.
+    SecretServiceSessionStore(std::string service, std::string account, std::shared_ptr<CoreLogger> logger,
+                              std::string legacyService = {});
 
     [[nodiscard]] const std::string& service() const { return service_; }
     [[nodiscard]] const std::string& account() const { return account_; }
@@ -35,7 +39,12 @@ class SecretServiceSessionStore final : public SessionStore {
     void clear() override;
 
   private:
+    // The session under one service name; absent for no item, a failure (logged) or an undecodable item.
+    std::optional<AuthSession> lookup(const std::string& service);
+    void clearItem(const std::string& service);
+
     const std::string service_;
+    const std::string legacyService_;
     const std::string account_;
     const std::shared_ptr<CoreLogger> logger_;
 };

@@ -2,6 +2,7 @@
 
 #include "core/backend/APIError.h"
 #include "core/backend/PrintedForm.h"
+#include "core/support/RecordingLimits.h"
 #include "core/support/UnicodeText.h"
 
 #include <algorithm>
@@ -87,6 +88,12 @@ FinalizeService::WaitResult FinalizeService::waitForServerChunks(const std::stri
                                                                  const SequencesCallback& kick) {
     if (lastSequence < 1) {
         return WaitResult::allChunksOnServer();
+    }
+    if (lastSequence > RecordingLimits::maxChunks) {
+        // Every round counts up to this number; one that no recording reaches is refused, not waited for.
+        logger_->error("finalize wait refused: last sequence " + std::to_string(lastSequence) +
+                       " is beyond what a recording holds");
+        return WaitResult::missingChunks({});
     }
     const auto started = clock_->now();
     auto lastProgressAt = started;

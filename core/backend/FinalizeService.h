@@ -103,9 +103,9 @@ class FinalizeService {
     void reset();
 
     // Waits until the server's list and the local state agree that nothing of 1...lastSequence is missing.
-    // Never throws. The closures are called on the caller's task, in the order onServerAck, localProgress,
-    // kick: onServerAck with the server's acknowledged sequences in range, kick with the gaps to upload
-    // again.
+    // Never throws. A lastSequence above RecordingLimits::maxChunks gives missing with no gaps at once. The
+    // closures are called on the caller's task, in the order onServerAck, localProgress, kick: onServerAck
+    // with the server's acknowledged sequences in range, kick with the gaps to upload again.
     WaitResult waitForServerChunks(const std::string& recordingId, int lastSequence,
                                    const LocalProgress& localProgress, const SequencesCallback& onServerAck,
                                    const SequencesCallback& kick);

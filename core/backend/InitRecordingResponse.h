@@ -15,7 +15,8 @@ struct InitRecordingResponse {
     std::optional<bool> deduplicated;           // deduplicated: kept, never acted on
 
     [[nodiscard]] Json toJson() const;
-    // Throws DecodingError, also when recording_id is missing.
+    // Throws DecodingError, also when recording_id is missing or either the id or the secret falls outside
+    // RecordingLimits.
     static InitRecordingResponse fromJson(const Json& json);
     bool operator==(const InitRecordingResponse&) const = default;
 };

@@ -3,10 +3,12 @@
 #include "core/backend/APIError.h"
 #include "core/backend/InitRecordingError.h"
 #include "core/backend/RecordingAPIBodies.h"
+#include "core/support/RecordingLimits.h"
 
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <set>
 #include <string_view>
 
 namespace kavelo {
@@ -30,7 +32,9 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, last - first + 1);
 }
 
-std::optional<int> parseDecimal(std::string_view text) {
+// A decimal number with an optional sign; one too large for 64 bits reads as the largest, since it is out of
+// range all the same.
+std::optional<long long> parseDecimal(std::string_view text) {
     text = trimmed(text);
     if (!text.empty() && text.front() == '+') {
         text.remove_prefix(1);
@@ -38,36 +42,39 @@ std::optional<int> parseDecimal(std::string_view text) {
             return std::nullopt; // "+-3" is no number
         }
     }
-    int value = 0;
+    long long value = 0;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
+    if (text.empty() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    if (error == std::errc::result_out_of_range) {
+        return std::numeric_limits<long long>::max();
+    }
+    if (error != std::errc()) {
         return std::nullopt;
     }
     return value;
 }
 
-std::optional<int> sequenceOf(const Json& element) {
+// The number an element stands for, cut to its integer part; absent when it is no number at all.
+std::optional<long long> sequenceOf(const Json& element) {
+    constexpr auto largest = std::numeric_limits<long long>::max();
     if (element.is_number_unsigned()) {
         auto value = element.get<std::uint64_t>();
-        if (value > static_cast<std::uint64_t>(std::numeric_limits<int>::max())) {
-            return std::nullopt;
-        }
-        return static_cast<int>(value);
+        return value > static_cast<std::uint64_t>(largest) ? largest : static_cast<long long>(value);
     }
     if (element.is_number_integer()) {
-        auto value = element.get<std::int64_t>();
-        if (value < std::numeric_limits<int>::min() || value > std::numeric_limits<int>::max()) {
-            return std::nullopt;
-        }
-        return static_cast<int>(value);
+        return element.get<std::int64_t>();
     }
     if (element.is_number_float()) {
         double value = std::trunc(element.get<double>());
-        if (!std::isfinite(value) || value < std::numeric_limits<int>::min() ||
-            value > std::numeric_limits<int>::max()) {
+        if (std::isnan(value)) {
             return std::nullopt;
         }
-        return static_cast<int>(value);
+        if (std::fabs(value) >= 9.0e18) {
+            return value < 0 ? std::numeric_limits<long long>::min() : largest;
+        }
+        return static_cast<long long>(value);
     }
     if (element.is_string()) {
         return parseDecimal(element.get_ref<const std::string&>());
@@ -135,7 +142,14 @@ ChunkReconciliation LiveRecordingAPI::listRecordingChunks(const std::string& rec
 }
 
 void LiveRecordingAPI::finalizeRecording(const FinalizePayload& payload) {
-    functions_->postRaw(kFinalizeRecording, payload.toJson(), true, AuthMode::optional, {}, 30.0);
+    // One report per recording: a retry, or a relaunch after a crash mid-request, carries the same key, so
+    // the backend can tell a repeat from a second request.
+    functions_->postRaw(kFinalizeRecording, payload.toJson(), true, AuthMode::optional,
+                        {{idempotencyHeader, finalizeIdempotencyKey(payload.recordingId)}}, 30.0);
+}
+
+std::string LiveRecordingAPI::finalizeIdempotencyKey(const std::string& recordingId) {
+    return "finalize-" + recordingId;
 }
 
 void LiveRecordingAPI::diagnosticSync(const std::string& recordingId, const std::string& userId,
@@ -161,29 +175,42 @@ MeetingMappingRow LiveRecordingAPI::fetchMeetingMapping(const std::string& meeti
 }
 
 std::vector<int> LiveRecordingAPI::sequenceList(const Json* value) {
-    std::vector<int> out;
     if (!value || !value->is_array()) {
-        return out;
+        return {};
     }
+    // Checked before reading: a list longer than a recording can be is not one of ours, whatever it holds.
+    if (value->size() > static_cast<std::size_t>(RecordingLimits::maxChunks)) {
+        throw DecodingError("chunk list has " + std::to_string(value->size()) + " entries");
+    }
+    std::set<int> sequences;
     for (const Json& element : *value) {
         if (auto sequence = sequenceOf(element)) {
-            out.push_back(*sequence);
+            if (!RecordingLimits::isSequence(*sequence)) {
+                throw DecodingError("chunk list names sequence " + std::to_string(*sequence));
+            }
+            sequences.insert(static_cast<int>(*sequence));
         }
     }
-    return out;
+    return {sequences.begin(), sequences.end()};
+}
+
+ChunkReconciliation LiveRecordingAPI::readChunkList(const Bytes& body) {
+    if (body.size() > maxChunkListBytes) {
+        throw DecodingError("chunk list answer of " + std::to_string(body.size()) + " bytes");
+    }
+    Json json = CoreJSON::decode(body);
+    if (!json.is_object()) {
+        throw DecodingError("chunk list answer is not an object");
+    }
+    return {sequenceList(member(json, "uploaded_sequences")), sequenceList(member(json, "missing")), true};
 }
 
 ChunkReconciliation LiveRecordingAPI::parseChunkList(const Bytes& body) {
-    Json json;
     try {
-        json = CoreJSON::decode(body);
+        return readChunkList(body);
     } catch (const DecodingError&) {
         return ChunkReconciliation::unchecked();
     }
-    if (!json.is_object()) {
-        return ChunkReconciliation::unchecked();
-    }
-    return {sequenceList(member(json, "uploaded_sequences")), sequenceList(member(json, "missing")), true};
 }
 
 std::optional<std::string> LiveRecordingAPI::parseMeetingId(const Bytes& body) {

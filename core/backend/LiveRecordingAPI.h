@@ -31,14 +31,25 @@ class LiveRecordingAPI final : public RecordingAPI {
     EarlyMappingDispatch triggerEarlySpeakerMapping(const std::string& meetingId) override;
     MeetingMappingRow fetchMeetingMapping(const std::string& meetingId) override;
 
-    // The readers of loosely typed answers. None of them throws: a bad answer is a value.
+    // The header of the finalize request that names it for repeats, and its value for a recording.
+    static constexpr const char* idempotencyHeader = "Idempotency-Key";
+    static std::string finalizeIdempotencyKey(const std::string& recordingId);
+
+    // The readers of loosely typed answers.
     //
     // A list of sequence numbers as a server may write it: integers, numbers with a fraction (cut to their
-    // integer part) and decimal strings with an optional sign and blanks round them are taken, in order,
-    // duplicates kept; everything else is skipped. Absent (nullptr) or no array gives an empty list.
+    // integer part) and decimal strings with an optional sign and blanks round them are taken; everything
+    // else is skipped. The result is sorted without duplicates. Absent (nullptr) or no array gives an
+    // empty list. Throws DecodingError for a number outside 1...RecordingLimits::maxChunks or a list longer
+    // than that: such an answer is not about a recording of ours.
     static std::vector<int> sequenceList(const Json* value);
-    // The answer of list-recording-chunks; unchecked unless it is a JSON object.
+    // The answer of list-recording-chunks, checked; throws DecodingError for anything but a JSON object of
+    // sensible size with sensible lists.
+    static ChunkReconciliation readChunkList(const Bytes& body);
+    // The same, with every DecodingError folded into an unchecked answer. Never throws.
     static ChunkReconciliation parseChunkList(const Bytes& body);
+    // Two full lists of the largest sequence numbers, written out with room to spare.
+    static constexpr std::size_t maxChunkListBytes = 1024 * 1024;
     // The first row's id of a meetings select, absent when there is none.
     static std::optional<std::string> parseMeetingId(const Bytes& body);
     // The first row's participants (trimmed, empty ones dropped) and mapping status.

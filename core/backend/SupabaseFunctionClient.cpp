@@ -1,5 +1,6 @@
 #include "core/backend/SupabaseFunctionClient.h"
 
+#include "core/backend/HostedAnswer.h"
 #include "core/backend/SupabaseErrorText.h"
 #include "core/support/CancellationToken.h"
 
@@ -89,9 +90,11 @@ Bytes SupabaseFunctionClient::postRaw(const std::string& name, const Json& body,
 
     HTTPResponse response = sendOnce(name, headers, bytes, timeout);
     // An optional call that went out with the anon key is retried too: a token may exist after refresh.
-    if (response.statusCode == 401 && mode != AuthMode::anonymous && tokenProvider_) {
+    // The backend refuses a stale token with 401, or with 400/403 and a JWT message.
+    if (HostedAnswer::isRefusedToken(response) && mode != AuthMode::anonymous && tokenProvider_) {
         if (std::optional<std::string> token = tokenProvider_->refreshedAccessToken()) {
-            logger_->warn(name + ": 401 — token ververst, één herkansing");
+            logger_->warn(name + ": " + std::to_string(response.statusCode) +
+                          " — token ververst, één herkansing");
             headers["Authorization"] = "Bearer " + *token;
             response = sendOnce(name, headers, bytes, timeout);
         }

@@ -1,5 +1,6 @@
 #include "core/backend/SupabaseRestClient.h"
 
+#include "core/backend/HostedAnswer.h"
 #include "core/backend/SupabaseErrorText.h"
 
 #include <curl/curl.h>
@@ -85,7 +86,8 @@ std::map<std::string, std::string> SupabaseRestClient::headers() const {
 
 HTTPResponse SupabaseRestClient::perform(HTTPRequest request) const {
     HTTPResponse response = http_->send(request);
-    if (response.statusCode == 401 && tokenProvider_) {
+    // Tables answer a stale token with 401; storage with 400 or 403 and a JWT message.
+    if (HostedAnswer::isRefusedToken(response) && tokenProvider_) {
         if (std::optional<std::string> token = tokenProvider_->refreshedAccessToken()) {
             request.headers["Authorization"] = "Bearer " + *token;
             return http_->send(request);

@@ -1,20 +1,12 @@
 #include "core/mock/MockBackend.h"
 
+#include "core/transport/ChunkStore.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <random>
 
 namespace kavelo {
-
-namespace {
-
-std::string storageSafe(std::string text) {
-    std::replace(text.begin(), text.end(), '/', '_');
-    std::replace(text.begin(), text.end(), ':', '_');
-    return text;
-}
-
-} // namespace
 
 std::string MockBackend::uuidText() {
     thread_local std::mt19937_64 engine{std::random_device{}()};
@@ -64,7 +56,7 @@ void MockBackend::recordUpload(const std::string& folder, int sequence) {
     std::lock_guard lock(mutex_);
     std::string key = folder;
     for (const auto& [recordingId, sequences] : uploadedChunks_) {
-        if (recordingId == folder || storageSafe(recordingId) == folder) {
+        if (recordingId == folder || ChunkStore::recordingIdOfFolder(folder) == recordingId) {
             key = recordingId;
             break;
         }

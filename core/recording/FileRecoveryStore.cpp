@@ -51,20 +51,6 @@ std::optional<Bytes> readRegularFile(const std::filesystem::path& path, std::siz
     return data;
 }
 
-// The recording id names the chunk folder and goes into upload routes; one that could name another place
-// on disk makes the whole manifest unusable.
-bool isUsableRecordingId(const std::string& id) {
-    if (id.empty() || id.size() > 256 || id == "." || id == "..") {
-        return false;
-    }
-    for (unsigned char c : id) {
-        if (c < 0x20 || c == 0x7F || c == '/' || c == '\\') {
-            return false;
-        }
-    }
-    return true;
-}
-
 void fsyncDirectory(const std::filesystem::path& dir) {
     int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
@@ -90,11 +76,7 @@ std::optional<RecordingManifest> FileRecoveryStore::load() {
         return std::nullopt;
     }
     try {
-        auto manifest = RecordingManifest::fromJson(CoreJSON::decode(*bytes));
-        if (!isUsableRecordingId(manifest.recordingId)) {
-            return std::nullopt;
-        }
-        return manifest;
+        return RecordingManifest::fromJson(CoreJSON::decode(*bytes));
     } catch (...) {
         return std::nullopt;
     }

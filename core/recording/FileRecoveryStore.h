@@ -19,8 +19,9 @@ namespace kavelo {
 class FileRecoveryStore final : public RecoveryStore {
   public:
     static constexpr const char* fileName = "active_recording.json";
-    // A manifest is a few hundred bytes; a file far larger than that is not ours.
-    static constexpr std::size_t maxFileBytes = 64 * 1024;
+    // A manifest is a few hundred bytes, or some tens of kilobytes with the report request and its
+    // diagnostics; a file far larger than that is not ours.
+    static constexpr std::size_t maxFileBytes = 1024 * 1024;
 
     // Creates directory (0700 for new levels) and its parents; a failure shows later as absent loads and
     // dropped saves.

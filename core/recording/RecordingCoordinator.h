@@ -84,15 +84,16 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     };
 
     // discardedEmpty: the earlier process died before its first chunk, so nothing of it exists to report
-    // on. deferred: the capture died with the earlier process and the server could not say which chunks
-    // it holds; the manifest stays for the next sign-in.
+    // on. deferred: the server could not be asked (which chunks it holds, or to take the report request
+    // again); the manifest stays for the next sign-in. finishedFinalize: the earlier process had sent the
+    // report request; it has been confirmed with the server and the local copy removed.
     enum class RecoveryDecisionKind {
         resumedActive,
         none,
         openedFinalizeFlow,
-        discardedExpired,
         discardedEmpty,
-        deferred
+        deferred,
+        finishedFinalize
     };
     struct RecoveryDecision {
         RecoveryDecisionKind kind = RecoveryDecisionKind::none;
@@ -104,9 +105,9 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
         static RecoveryDecision openedFinalizeFlow() {
             return {RecoveryDecisionKind::openedFinalizeFlow, false};
         }
-        static RecoveryDecision discardedExpired() { return {RecoveryDecisionKind::discardedExpired, false}; }
         static RecoveryDecision discardedEmpty() { return {RecoveryDecisionKind::discardedEmpty, false}; }
         static RecoveryDecision deferred() { return {RecoveryDecisionKind::deferred, false}; }
+        static RecoveryDecision finishedFinalize() { return {RecoveryDecisionKind::finishedFinalize, false}; }
         bool operator==(const RecoveryDecision&) const = default;
     };
 
@@ -210,6 +211,13 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     // For an active manifest whose capture died with the earlier process: the highest chunk on this disk
     // or on the server; absent when the server could not be asked.
     std::optional<int> lastChunkOfInterruptedCapture(const RecordingManifest& manifest);
+    // The chunk numbers on disk that a recording can have.
+    [[nodiscard]] std::vector<int> storedChunks(const std::string& recordingId) const;
+    // For a manifest that holds a report request: sends it again unless it was accepted, then removes the
+    // recording here. Absent when the server refused it and the review must run again.
+    std::optional<RecoveryDecision> finishInterruptedFinalize(const RecordingManifest& manifest);
+    // Writes the report request's state into the stored manifest of recordingId, if it is still there.
+    void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
     [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
     [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
     void setBlocker(StartBlocker blocker);

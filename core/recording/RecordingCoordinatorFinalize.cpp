@@ -73,7 +73,7 @@ void RecordingCoordinator::runFinalizePipeline() {
     const int lastSequence = *last;
 
     // Everything still on disk goes back in the queue.
-    auto stored = chunkStore_->storedSequences(id);
+    auto stored = storedChunks(id);
     if (!stored.empty()) {
         uploader_->requeue(stored);
     }
@@ -149,6 +149,17 @@ void RecordingCoordinator::runFinalizePipeline() {
     }
 }
 
+void RecordingCoordinator::saveFinalizeState(const std::string& recordingId, const FinalizePayload& request,
+                                             bool accepted) {
+    auto manifest = recoveryStore_->load();
+    if (!manifest || manifest->recordingId != recordingId) {
+        return;
+    }
+    manifest->finalizeRequest = request;
+    manifest->finalizeAccepted = accepted;
+    recoveryStore_->save(*manifest);
+}
+
 void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordingId, int last,
                                                      const PreflightContext& context) {
     FinalizeService::FinalizeInput input;
@@ -172,6 +183,9 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
     input.diagnostics = diagnostics_->payload(diagnostics);
     auto payload = FinalizeService::buildPayload(input);
 
+    // Kept before it goes: if this process dies with the request on its way, the next one sends this same
+    // request again rather than a second one.
+    saveFinalizeState(recordingId, payload, false);
     try {
         finalizeService_->finalize(payload);
     } catch (const std::exception& e) {
@@ -180,6 +194,7 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
         fire(RecordingEvent::finalizeFailed(true));
         return;
     }
+    saveFinalizeState(recordingId, payload, true);
     {
         // The clock runs on through the review screens: the duration is the session's, not the audio's.
         auto now = clock_->now();
@@ -187,8 +202,10 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
         success_ = SuccessSummary{payload.meetingName.value_or(""), elapsedActiveSecondsLocked(now),
                                   static_cast<int>(payload.recipients.size())};
     }
-    recoveryStore_->clear();
+    // Audio first, then the manifest: a crash in between leaves an accepted manifest, whose relaunch only
+    // finishes this clean-up.
     chunkStore_->removeAll(recordingId);
+    recoveryStore_->clear();
     fire(RecordingEvent::finalizeSucceeded());
     notifyTick();
     if (hooks_.onFinalizeSuccess) {

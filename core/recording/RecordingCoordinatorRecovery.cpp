@@ -1,6 +1,8 @@
 // Relaunch: brings the coordinator back to where a recording of an earlier process stood.
 #include "core/recording/RecordingCoordinator.h"
 
+#include "core/support/RecordingLimits.h"
+
 #include <algorithm>
 #include <set>
 
@@ -28,13 +30,58 @@ std::optional<int> RecordingCoordinator::lastChunkOfInterruptedCapture(const Rec
         return std::nullopt;
     }
     int last = 0;
-    for (const int sequence : chunkStore_->storedSequences(manifest.recordingId)) {
+    for (const int sequence : storedChunks(manifest.recordingId)) {
         last = std::max(last, sequence);
     }
     for (const int sequence : server.uploadedSequences) {
         last = std::max(last, sequence);
     }
     return last;
+}
+
+std::vector<int> RecordingCoordinator::storedChunks(const std::string& recordingId) const {
+    // A file name is outside input too: a number no chunk of ours can have is not counted up to.
+    auto stored = chunkStore_->storedSequences(recordingId);
+    std::erase_if(stored, [](int sequence) { return !RecordingLimits::isSequence(sequence); });
+    return stored;
+}
+
+std::optional<RecordingCoordinator::RecoveryDecision>
+RecordingCoordinator::finishInterruptedFinalize(const RecordingManifest& manifest) {
+    if (!manifest.finalizeAccepted) {
+        // The earlier process may have died before its request left, or after the server took it: the
+        // same request again, under the same idempotency key, gives the backend one report either way.
+        try {
+            finalizeService_->finalize(*manifest.finalizeRequest);
+        } catch (const FinalizeService::FinalizeError& e) {
+            if (e.kind() == FinalizeService::FinalizeError::Kind::offline) {
+                log(LogLevel::warn, "recovered report request: server unreachable — recovery deferred");
+                return RecoveryDecision::deferred();
+            }
+            // Refused: the user goes through the review again and may change what was refused.
+            log(LogLevel::warn, std::string("recovered report request refused: ") + e.what());
+            RecordingManifest reviewed = manifest;
+            reviewed.finalizeRequest.reset();
+            recoveryStore_->save(reviewed);
+            return std::nullopt;
+        } catch (const std::exception& e) {
+            log(LogLevel::warn, std::string("recovered report request failed: ") + e.what());
+            return RecoveryDecision::deferred();
+        }
+        RecordingManifest accepted = manifest;
+        accepted.finalizeAccepted = true;
+        recoveryStore_->save(accepted);
+    }
+    log(LogLevel::info, "recovered recording: report request accepted — local copy removed");
+    chunkStore_->removeAll(manifest.recordingId);
+    recoveryStore_->clear();
+    if (hooks_.onFinalizeSuccess) {
+        const auto& request = *manifest.finalizeRequest;
+        hooks_.onFinalizeSuccess(request.meetingName,
+                                 request.participants.value_or(std::vector<std::string>{}),
+                                 request.recipients);
+    }
+    return RecoveryDecision::finishedFinalize();
 }
 
 RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(const AuthUser& user,
@@ -44,6 +91,12 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
         return RecoveryDecision::none();
     }
     RecordingManifest m = *manifest;
+    if (m.stage == RecordingManifest::Stage::stopped && m.finalizeRequest) {
+        if (auto decision = finishInterruptedFinalize(m)) {
+            return *decision;
+        }
+        m.finalizeRequest.reset();
+    }
     auto configureUploader = [&] {
         diagnostics_->startSession(m.recordingId);
         std::optional<std::string> token;
@@ -54,14 +107,9 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
     };
 
     if (m.stage == RecordingManifest::Stage::active) {
-        if (m.isPaused && m.pausedAt) {
-            double age = secondsBetween(*m.pausedAt, clock_->now());
-            if (timings_.maxPause < age) {
-                log(LogLevel::warn, "recovered pause older than max — discarding to stopped flow");
-                recoveryStore_->clear();
-                return RecoveryDecision::discardedExpired();
-            }
-        }
+        // However long the pause (a machine that slept, a relaunch days later), what was recorded stays:
+        // a capture that is gone is settled as stopped below and offered for review, one that this
+        // process still holds comes back paused with a fresh limit.
         const auto runtime = recorder_->runtimeState();
         if (!runtime.recordingActive && !runtime.userPaused) {
             // The capture died with the earlier process and this process's recorder never ran, so a stop
@@ -111,7 +159,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
             context_ = recoveredContext(user, userName, m);
         }
         configureUploader();
-        uploader_->requeue(chunkStore_->storedSequences(m.recordingId));
+        uploader_->requeue(storedChunks(m.recordingId));
         fire(RecordingEvent::recoveredActiveRecording(paused));
         if (paused) {
             startHeartbeatLoop();
@@ -139,7 +187,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
         ++speakerListVersion_;
     }
     configureUploader();
-    auto stored = chunkStore_->storedSequences(m.recordingId);
+    auto stored = storedChunks(m.recordingId);
     uploader_->requeue(stored);
     if (m.lastSequence && *m.lastSequence >= 1) {
         // Only an uploaded chunk loses its file, so a number without a file counts as on the server until

@@ -1,5 +1,8 @@
 #include "core/recording/RecordingManifest.h"
 
+#include "core/support/RecordingLimits.h"
+
+#include <cmath>
 #include <limits>
 
 namespace kavelo {
@@ -72,6 +75,12 @@ Json RecordingManifest::toJson() const {
     if (userId) {
         json["userId"] = *userId;
     }
+    if (finalizeRequest) {
+        json["finalizeRequest"] = finalizeRequest->toJson();
+    }
+    if (finalizeAccepted) {
+        json["finalizeAccepted"] = true;
+    }
     return json;
 }
 
@@ -82,6 +91,11 @@ RecordingManifest RecordingManifest::fromJson(const Json& json) {
     RecordingManifest m;
     m.version = integer(required(json, "version"), "version");
     m.recordingId = text(required(json, "recordingId"), "recordingId");
+    // The same rule as for the backend's answer at the start: a recording that could begin can be found
+    // again, and an id that could name another place on disk never reaches the chunk store.
+    if (!RecordingLimits::isRecordingId(m.recordingId)) {
+        throw DecodingError("manifest: recordingId is not a usable recording id");
+    }
     auto stage = fromRaw<Stage>(text(required(json, "stage"), "stage"));
     if (!stage) {
         throw DecodingError("manifest: unknown stage");
@@ -94,12 +108,15 @@ RecordingManifest RecordingManifest::fromJson(const Json& json) {
     }
     m.isPaused = paused.get<bool>();
     const Json& total = required(json, "totalPausedMs");
-    if (!total.is_number()) {
-        throw DecodingError("manifest: totalPausedMs is not a number");
+    if (!total.is_number() || !std::isfinite(total.get<double>()) || total.get<double>() < 0) {
+        throw DecodingError("manifest: totalPausedMs is not a duration");
     }
     m.totalPausedMs = total.get<double>();
     if (auto v = optionalValue(json, "recordingSecret")) {
         m.recordingSecret = text(*v, "recordingSecret");
+        if (!RecordingLimits::isRecordingSecret(*m.recordingSecret)) {
+            throw DecodingError("manifest: recordingSecret is not a usable secret");
+        }
     }
     if (auto v = optionalValue(json, "pausedAt")) {
         m.pausedAt = date(*v, "pausedAt");
@@ -109,12 +126,28 @@ RecordingManifest RecordingManifest::fromJson(const Json& json) {
     }
     if (auto v = optionalValue(json, "lastSequence")) {
         m.lastSequence = integer(*v, "lastSequence");
+        // Recovery counts up to this number; 0 is a stop before the first chunk.
+        if (*m.lastSequence != 0 && !RecordingLimits::isSequence(*m.lastSequence)) {
+            throw DecodingError("manifest: lastSequence is out of range");
+        }
     }
     if (auto v = optionalValue(json, "elapsedSeconds")) {
         m.elapsedSeconds = integer(*v, "elapsedSeconds");
     }
     if (auto v = optionalValue(json, "userId")) {
         m.userId = text(*v, "userId");
+    }
+    if (auto v = optionalValue(json, "finalizeRequest")) {
+        m.finalizeRequest = FinalizePayload::fromJson(*v);
+        if (m.finalizeRequest->recordingId != m.recordingId) {
+            throw DecodingError("manifest: finalizeRequest is for another recording");
+        }
+    }
+    if (auto v = optionalValue(json, "finalizeAccepted")) {
+        if (!v->is_boolean()) {
+            throw DecodingError("manifest: finalizeAccepted is not a boolean");
+        }
+        m.finalizeAccepted = v->get<bool>();
     }
     return m;
 }

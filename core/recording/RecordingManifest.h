@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/backend/FinalizePayload.h"
 #include "core/support/CoreJSON.h"
 #include "core/support/RawEnum.h"
 #include "core/support/Time.h"
@@ -27,11 +28,18 @@ struct RecordingManifest {
     std::optional<int> lastSequence;   // only written at stage stopped
     std::optional<int> elapsedSeconds; // only written at stage stopped
     std::optional<std::string> userId;
+    // The report request exactly as it goes out, kept before it is sent: a process that dies while the
+    // request is on its way sends the same one again (the server recognises the repeat) instead of
+    // asking the user anew and the backend for a second report.
+    std::optional<FinalizePayload> finalizeRequest;
+    // The server accepted finalizeRequest; only the local clean-up may be left.
+    bool finalizeAccepted = false;
 
     bool operator==(const RecordingManifest&) const = default;
 
     [[nodiscard]] Json toJson() const;
-    // Throws DecodingError for a missing required key, a wrong type, an unknown stage or a bad date.
+    // Throws DecodingError for a missing required key, a wrong type, an unknown stage, a bad date, or a value
+    // outside RecordingLimits (id, secret, lastSequence) or a negative paused time.
     static RecordingManifest fromJson(const Json& json);
 };
 

@@ -11,18 +11,66 @@ namespace kavelo {
 
 ChunkStore::ChunkStore(std::filesystem::path root) : root_(std::move(root)) {}
 
-std::string ChunkStore::safeRecordingId(const std::string& recordingId) {
-    std::string safe = recordingId;
-    std::replace(safe.begin(), safe.end(), '/', '_');
-    std::replace(safe.begin(), safe.end(), ':', '_');
-    std::replace_if(
-        safe.begin(), safe.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, '_');
-    // A backend answer must never name the store's own directory or its parent: removeAll on such an id
-    // would delete far more than one recording's audio.
-    if (safe.empty() || safe == "." || safe == "..") {
-        safe = std::string("_").append(safe);
+ChunkStore::UnstorableRecordingId::UnstorableRecordingId()
+    : std::invalid_argument("recording id cannot name a chunk folder") {}
+
+std::optional<std::string> ChunkStore::folderName(const std::string& recordingId) {
+    // Letters, digits, '-' and '_' stand for themselves and every other byte, '%' included, becomes %XX:
+    // two ids never share a folder (deleting one recording's chunks cannot touch another's), and "." or
+    // ".." can never come out.
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string safe;
+    for (unsigned char c : recordingId) {
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+            c == '_') {
+            safe += static_cast<char>(c);
+        } else {
+            safe += '%';
+            safe += hex[c >> 4];
+            safe += hex[c & 0xF];
+        }
+    }
+    if (safe.empty() || safe.size() > maxFolderNameBytes) {
+        return std::nullopt;
     }
     return safe;
+}
+
+std::string ChunkStore::safeRecordingId(const std::string& recordingId) {
+    auto safe = folderName(recordingId);
+    if (!safe) {
+        throw UnstorableRecordingId();
+    }
+    return *safe;
+}
+
+std::optional<std::string> ChunkStore::recordingIdOfFolder(const std::string& folder) {
+    auto digit = [](char c) -> int {
+        if (c >= '0' && c <= '9') {
+            return c - '0';
+        }
+        if (c >= 'A' && c <= 'F') {
+            return c - 'A' + 10;
+        }
+        return -1;
+    };
+    std::string id;
+    for (std::size_t i = 0; i < folder.size(); ++i) {
+        if (folder[i] != '%') {
+            id += folder[i];
+            continue;
+        }
+        if (i + 2 >= folder.size() || digit(folder[i + 1]) < 0 || digit(folder[i + 2]) < 0) {
+            return std::nullopt;
+        }
+        id += static_cast<char>(digit(folder[i + 1]) * 16 + digit(folder[i + 2]));
+        i += 2;
+    }
+    // Only the folder that this id encodes to belongs to it; anything else was not made by this store.
+    if (folderName(id) != folder) {
+        return std::nullopt;
+    }
+    return id;
 }
 
 std::string ChunkStore::filename(int sequence) {
@@ -39,8 +87,11 @@ std::vector<std::string> ChunkStore::storedRecordings() const {
     std::vector<std::string> names;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(root_ / "kavelo_chunks", error)) {
-        if (entry.is_directory(error)) {
-            names.push_back(entry.path().filename().string());
+        if (!entry.is_directory(error)) {
+            continue;
+        }
+        if (auto id = recordingIdOfFolder(entry.path().filename().string())) {
+            names.push_back(std::move(*id));
         }
     }
     std::sort(names.begin(), names.end());
@@ -64,10 +115,16 @@ long long ChunkStore::store(const std::string& recordingId, int sequence, const 
 }
 
 std::optional<Bytes> ChunkStore::read(const std::string& recordingId, int sequence) const {
+    if (!folderName(recordingId)) {
+        return std::nullopt;
+    }
     return readWholeFile(chunkURL(recordingId, sequence));
 }
 
 bool ChunkStore::exists(const std::string& recordingId, int sequence) const {
+    if (!folderName(recordingId)) {
+        return false;
+    }
     std::error_code ec;
     return std::filesystem::symlink_status(chunkURL(recordingId, sequence), ec).type() !=
                std::filesystem::file_type::not_found &&
@@ -75,12 +132,18 @@ bool ChunkStore::exists(const std::string& recordingId, int sequence) const {
 }
 
 void ChunkStore::remove(const std::string& recordingId, int sequence) const {
+    if (!folderName(recordingId)) {
+        return;
+    }
     std::error_code ec;
     std::filesystem::remove(chunkURL(recordingId, sequence), ec);
 }
 
 std::vector<int> ChunkStore::storedSequences(const std::string& recordingId) const {
     std::vector<int> sequences;
+    if (!folderName(recordingId)) {
+        return sequences;
+    }
     std::error_code ec;
     std::filesystem::directory_iterator it(chunkDirectory(recordingId), ec);
     if (ec) {
@@ -104,6 +167,9 @@ std::vector<int> ChunkStore::storedSequences(const std::string& recordingId) con
 }
 
 void ChunkStore::removeAll(const std::string& recordingId) const {
+    if (!folderName(recordingId)) {
+        return;
+    }
     std::error_code ec;
     std::filesystem::remove_all(chunkDirectory(recordingId).parent_path(), ec);
 }

@@ -3,9 +3,11 @@
 #include "core/backend/APIError.h"
 #include "core/backend/WireJson.h"
 #include "core/support/CoreJSON.h"
+#include "core/support/RecordingLimits.h"
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace kavelo {
@@ -44,11 +46,17 @@ std::vector<SignedURL> LiveSignedURLProvider::fetchSignedURLs(const std::string&
     Json body = CoreJSON::decode(response.body);
     const Json& urls =
         WireJson::require(WireJson::object(body, "generate-upload-urls response"), "urls", true);
+    // The worker keeps these in its pool: more than were asked for, or numbers no chunk of ours can
+    // have, would only fill memory.
+    if (urls.size() > static_cast<std::size_t>(std::max(count, 0))) {
+        throw DecodingError("generate-upload-urls: " + std::to_string(urls.size()) + " URLs for " +
+                            std::to_string(count) + " asked");
+    }
     std::vector<SignedURL> out;
     for (const Json& item : urls) {
         const Json& entry = WireJson::object(item, "upload URL entry");
         SignedURL url{WireJson::requireInt(entry, "sequence"), WireJson::requireString(entry, "url")};
-        if (isUsableUploadURL(url.url)) {
+        if (RecordingLimits::isSequence(url.sequence) && isUsableUploadURL(url.url)) {
             out.push_back(std::move(url));
         }
     }

@@ -2,6 +2,7 @@
 
 #include "core/backend/APIError.h"
 #include "core/backend/Backoff.h"
+#include "core/backend/HostedAnswer.h"
 #include "core/support/Task.h"
 #include "core/support/Time.h"
 
@@ -525,7 +526,7 @@ LiveUploadWorker::Engine::AttemptResult LiveUploadWorker::Engine::attemptUpload(
         request.headers = {{"Content-Type", "audio/aac"}, {"x-upsert", "false"}};
         request.body = data;
         request.timeout = config_.uploadTimeout;
-        return {http_->send(request).statusCode, kSignedRoute};
+        return {HostedAnswer::meaningfulStatus(http_->send(request)), kSignedRoute};
     }
 
     std::optional<std::string> supabaseUrl;
@@ -558,7 +559,7 @@ LiveUploadWorker::Engine::AttemptResult LiveUploadWorker::Engine::attemptUpload(
                        {"Authorization", "Bearer " + (present(authToken) ? *authToken : *anonKey)}};
     request.body = data;
     request.timeout = config_.uploadTimeout;
-    return {http_->send(request).statusCode, kFallbackRoute};
+    return {HostedAnswer::meaningfulStatus(http_->send(request)), kFallbackRoute};
 }
 
 std::optional<std::string> LiveUploadWorker::Engine::signedURL(const Job& job,

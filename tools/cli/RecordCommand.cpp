@@ -430,12 +430,14 @@ int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly,
         driver.printDone(
             retryOnly ? context.text("no recording to retry", "geen opname om opnieuw te proberen") : "");
         return retryOnly ? exitFailure : exitSuccess;
-    case Kind::discardedExpired:
-        printer.say(context.text("The recording left behind was too old to finish and was set aside.",
-                                 "De achtergebleven opname was te oud om af te ronden en is opzijgezet."));
-        driver.printDone(
-            context.text("the recording left behind had expired", "de achtergebleven opname was verlopen"));
-        return exitFailure;
+    case Kind::finishedFinalize:
+        printer.say(
+            context.text("The report of the recording left behind had been requested; the server has it "
+                         "and the copy on this machine was removed.",
+                         "Het verslag van de achtergebleven opname was al aangevraagd; de server heeft het "
+                         "en de kopie op deze computer is verwijderd."));
+        driver.printDone("");
+        return exitSuccess;
     case Kind::discardedEmpty:
         printer.say(context.text(
             "The recording left behind was cut off before its first chunk; nothing of it was kept.",
@@ -446,12 +448,12 @@ int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly,
         return retryOnly ? exitFailure : exitSuccess;
     case Kind::deferred: {
         const std::string why =
-            context.text("the server could not say which chunks of the recording left behind it holds; the "
-                         "recording stays on "
-                         "this machine. Try kavelo-cli recover again when the server is reachable",
-                         "de server kon niet zeggen welke stukken van de achtergebleven opname hij heeft; de "
-                         "opname blijft op "
-                         "deze computer. Probeer kavelo-cli recover opnieuw zodra de server bereikbaar is");
+            context.text("the server could not be reached to finish the recording left behind; the "
+                         "recording stays on this machine. Try kavelo-cli recover again when the server is "
+                         "reachable",
+                         "de server was niet bereikbaar om de achtergebleven opname af te ronden; de opname "
+                         "blijft op deze computer. Probeer kavelo-cli recover opnieuw zodra de server "
+                         "bereikbaar is");
         printer.error(why);
         driver.printDone(why);
         return exitKeptNotSent;

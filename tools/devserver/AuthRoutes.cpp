@@ -33,9 +33,9 @@ std::optional<DevUser> bearerUser(DevServerContext& ctx, const Req& req, Res& re
     if (check.state == AuthStore::TokenState::valid) {
         return check.user;
     }
-    authError(res, 401, "bad_jwt",
-              check.state == AuthStore::TokenState::expired ? "invalid JWT: token is expired"
-                                                            : "invalid JWT");
+    const bool expired = check.state == AuthStore::TokenState::expired;
+    authError(res, expired ? ctx.options.expiredTokenStatus : 401, "bad_jwt",
+              expired ? "invalid JWT: token is expired" : "invalid JWT");
     return std::nullopt;
 }
 

@@ -6,7 +6,8 @@
 
 namespace kavelo {
 
-CallerAuth::CallerAuth(AuthStore& auth, std::string anonKey) : auth_(auth), anonKey_(std::move(anonKey)) {}
+CallerAuth::CallerAuth(AuthStore& auth, std::string anonKey, int expiredTokenStatus)
+    : auth_(auth), anonKey_(std::move(anonKey)), expiredTokenStatus_(expiredTokenStatus) {}
 
 std::optional<CallerAuth::Caller> CallerAuth::identify(const httplib::Request& req, httplib::Response& res,
                                                        bool userRequired) const {
@@ -31,6 +32,14 @@ std::optional<CallerAuth::Caller> CallerAuth::identify(const httplib::Request& r
     case AuthStore::TokenState::valid:
         return Caller{check.user};
     case AuthStore::TokenState::expired:
+        if (expiredTokenStatus_ != 401) {
+            // The hosted storage's shape: the meant status as text beside the HTTP one.
+            HttpReply::json(res, expiredTokenStatus_,
+                            Json{{"statusCode", std::to_string(expiredTokenStatus_)},
+                                 {"error", "Unauthorized"},
+                                 {"message", "jwt expired"}});
+            return std::nullopt;
+        }
         HttpReply::error(res, 401, "jwt_expired", "JWT expired");
         return std::nullopt;
     case AuthStore::TokenState::unknown:

@@ -20,15 +20,18 @@ class CallerAuth {
         std::optional<DevUser> user; // absent: the anon key was the bearer
     };
 
-    CallerAuth(AuthStore& auth, std::string anonKey);
+    // expiredTokenStatus: 401, or the 400 or 403 that the hosted storage and gateway give an expired token.
+    CallerAuth(AuthStore& auth, std::string anonKey, int expiredTokenStatus = 401);
 
-    // On refusal writes a 401 and returns absent. With userRequired, the anon key as bearer is refused.
+    // On refusal writes a 401 (an expired token: expiredTokenStatus) and returns absent. With userRequired,
+    // the anon key as bearer is refused.
     std::optional<Caller> identify(const httplib::Request& req, httplib::Response& res,
                                    bool userRequired) const;
 
   private:
     AuthStore& auth_;
     const std::string anonKey_;
+    const int expiredTokenStatus_;
 };
 
 } // namespace kavelo

@@ -48,7 +48,7 @@ DevServer::DevServer(DevServerOptions options, std::shared_ptr<Clock> clock)
     faults_ = std::make_unique<FaultInjector>(options_.faultSeed);
     requests_ = std::make_unique<RequestLog>();
     signer_ = std::make_unique<UploadSigner>(root / "state" / "signing.key", options_.signedUrlLifetime);
-    callers_ = std::make_unique<CallerAuth>(*auth_, options_.anonKey);
+    callers_ = std::make_unique<CallerAuth>(*auth_, options_.anonKey, options_.expiredTokenStatus);
     shutdown_ = std::make_unique<ShutdownSignal>();
     runner_ = std::make_unique<RouteRunner>(*faults_, *requests_, *shutdown_);
     context_.reset(new DevServerContext{options_, clock_, *storage_, *recordings_, *auth_, *oauth_, *faults_,

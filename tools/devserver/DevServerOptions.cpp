@@ -111,6 +111,26 @@ DevServerOptions DevServerOptions::parse(const std::vector<std::string>& args) {
                 throw std::invalid_argument("--user needs EMAIL:PASSWORD");
             }
             options.users.push_back(SeedUser{text.substr(0, colon), text.substr(colon + 1)});
+        } else if (arg == "--storage-conflict-as-400") {
+            options.storageConflictAs400 = true;
+        } else if (arg == "--expired-token-status") {
+            auto status = value();
+            if (status != "400" && status != "401" && status != "403") {
+                throw std::invalid_argument("--expired-token-status is 400, 401 or 403");
+            }
+            options.expiredTokenStatus = std::stoi(status);
+        } else if (arg == "--hostile-chunk-list") {
+            options.hostileChunkList = value();
+            if (options.hostileChunkList != "huge" && options.hostileChunkList != "negative" &&
+                options.hostileChunkList != "duplicate" && options.hostileChunkList != "flood") {
+                throw std::invalid_argument("--hostile-chunk-list is huge, negative, duplicate or flood");
+            }
+        } else if (arg == "--hostile-recording-id") {
+            options.hostileRecordingId = value();
+            if (options.hostileRecordingId != "long" && options.hostileRecordingId != "path" &&
+                options.hostileRecordingId != "slash") {
+                throw std::invalid_argument("--hostile-recording-id is long, path or slash");
+            }
         } else if (arg == "--log-requests") {
             options.logRequests = true;
         } else {
@@ -152,6 +172,16 @@ Options:
   --fault ROUTE:RULE             a fault rule (repeatable), see below
   --refuse-url-fetch 401|403     short for --fault generate-upload-urls:status=401|403
   --seed N                       seed of the random draws of fault rates (default 1)
+  --storage-conflict-as-400      an existing object is answered as the hosted storage does: HTTP 400 with
+                                 {"statusCode":"409","error":"Duplicate"} instead of 409
+  --expired-token-status N       400, 401 or 403: the status of an expired access token, with a JWT
+                                 message in the body (storage and functions: "jwt expired"; auth:
+                                 "invalid JWT: token is expired"); default 401
+  --hostile-chunk-list MODE      list-recording-chunks lies (start only): huge (sequence 2147483647),
+                                 negative (-1 and -5), duplicate (every sequence 5000 times) or flood
+                                 (two million entries)
+  --hostile-recording-id MODE    init-recording gives an id no client should accept (start only): long
+                                 (300 characters), path ("../../outside") or slash ("a/b")
   --log-requests                 one line per request on standard error
   -h, --help                     this text
 

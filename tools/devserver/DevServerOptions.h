@@ -11,7 +11,7 @@
 namespace kavelo {
 
 // Everything kavelo-devserver can be told at start. The same values can be changed while it runs, through
-// the admin API, except the port and the data directory.
+// the admin API, except the port, the data directory and the switches of how the backend answers.
 struct DevServerOptions {
     struct SeedUser {
         std::string email;
@@ -32,6 +32,14 @@ struct DevServerOptions {
     std::uint64_t faultSeed = 1;
     std::vector<SeedUser> users;
     bool logRequests = false;
+    // How the hosted backend really answers, where it differs from the plain status: an existing object
+    // as 400 with statusCode "409" in the body; an expired access token as this status with a JWT message.
+    bool storageConflictAs400 = false;
+    int expiredTokenStatus = 401;
+    // A hostile backend, for tests of the client's bounds: "" (off), or for the chunk list
+    // huge, negative, duplicate or flood, and for the ids that init-recording gives long, path or slash.
+    std::string hostileChunkList;
+    std::string hostileRecordingId;
     bool showHelp = false;
 
     bool operator==(const DevServerOptions&) const = default;

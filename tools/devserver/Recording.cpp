@@ -73,6 +73,8 @@ Json Recording::toJson() const {
               {"mapping_result_status", mappingResultStatus},
               {"mapping_result_names", mappingResultNames},
               {"finalize_requests", finalizeRequests},
+              {"finalize_keys", finalizeKeys},
+              {"finalize_repeats", finalizeRepeats},
               {"diagnostic_syncs", diagnosticSyncs}};
     return json;
 }
@@ -101,6 +103,8 @@ Recording Recording::fromJson(const Json& json) {
     r.mappingResultStatus = json.value("mapping_result_status", "");
     r.mappingResultNames = json.value("mapping_result_names", std::vector<std::string>{});
     r.finalizeRequests = json.value("finalize_requests", std::vector<Json>{});
+    r.finalizeKeys = json.value("finalize_keys", std::vector<std::string>{});
+    r.finalizeRepeats = json.value("finalize_repeats", 0);
     r.diagnosticSyncs = json.value("diagnostic_syncs", std::vector<Json>{});
     return r;
 }

@@ -35,6 +35,8 @@ struct Recording {
     std::vector<std::string> mappingResultNames;
 
     std::vector<Json> finalizeRequests;
+    std::vector<std::string> finalizeKeys; // the idempotency keys of finalizeRequests, where one came
+    int finalizeRepeats = 0;               // requests answered again under a key already taken
     std::vector<Json> diagnosticSyncs;
 
     bool operator==(const Recording&) const = default;

@@ -1,6 +1,7 @@
 #include "tools/devserver/RecordingFunctionRoutes.h"
 
 #include "tools/devserver/CallerAuth.h"
+#include "tools/devserver/DevServerOptions.h"
 #include "tools/devserver/HttpReply.h"
 #include "tools/devserver/ObjectStorage.h"
 #include "tools/devserver/RecordingStore.h"
@@ -26,6 +27,45 @@ std::optional<std::string> optionalText(const Json& body, const char* key) {
 // signed-in user only for themself.
 bool mayActFor(const CallerAuth::Caller& caller, const std::string& userId) {
     return !caller.user || caller.user->id == userId;
+}
+
+// An id that no client should take: too long for a folder, or one that names a place outside it. Empty:
+// the store makes up a proper one.
+std::string hostileRecordingId(const std::string& mode) {
+    if (mode == "long") {
+        return std::string(300, 'r');
+    }
+    if (mode == "path") {
+        return "../../outside";
+    }
+    if (mode == "slash") {
+        return "a/b";
+    }
+    return {};
+}
+
+// The lists a broken or hostile backend might send instead of the truth about a recording.
+Json hostileChunkList(const std::string& mode, const std::vector<int>& uploaded) {
+    Json list = Json::array();
+    if (mode == "huge") {
+        list.push_back(2147483647);
+        for (int sequence : uploaded) {
+            list.push_back(sequence);
+        }
+    } else if (mode == "negative") {
+        list = Json{-1, -5};
+    } else if (mode == "duplicate") {
+        for (int sequence : uploaded) {
+            for (int i = 0; i < 5000; ++i) {
+                list.push_back(sequence);
+            }
+        }
+    } else {
+        for (int i = 0; i < 2'000'000; ++i) {
+            list.push_back(i % 7 + 1);
+        }
+    }
+    return Json{{"uploaded_sequences", list}, {"missing", mode == "huge" ? Json{2147483646} : Json::array()}};
 }
 
 void initRecording(DevServerContext& ctx, const Req& req, Res& res) {
@@ -58,6 +98,7 @@ void initRecording(DevServerContext& ctx, const Req& req, Res& res) {
     draft.language = body->at("language").get<std::string>();
     draft.organizationId = optionalText(*body, "organization_id");
     draft.audioMode = optionalText(*body, "audio_mode");
+    draft.id = hostileRecordingId(ctx.options.hostileRecordingId);
     auto recording = ctx.recordings.create(draft);
     HttpReply::json(res, 200, Json{{"recording_id", recording.id}, {"recording_secret", recording.secret}});
 }
@@ -88,6 +129,12 @@ void listRecordingChunks(DevServerContext& ctx, const Req& req, Res& res) {
         return;
     }
     auto uploaded = UploadRoutes::storedSequences(ctx.storage, found->second.id);
+    if (!ctx.options.hostileChunkList.empty()) {
+        auto lie = hostileChunkList(ctx.options.hostileChunkList, uploaded);
+        lie["recording_id"] = found->second.id;
+        HttpReply::json(res, 200, lie);
+        return;
+    }
     std::vector<int> missing;
     std::size_t next = 0;
     for (int sequence = 1; !uploaded.empty() && sequence <= uploaded.back(); ++sequence) {
@@ -127,9 +174,18 @@ void finalizeRecording(DevServerContext& ctx, const Req& req, Res& res) {
         HttpReply::error(res, 409, "no_audio", "No chunks have been uploaded for this recording");
         return;
     }
-    bool again = !recording.finalizeRequests.empty();
-    ctx.recordings.addFinalizeRequest(recording.id, body);
-    HttpReply::json(res, 200, Json{{"ok", true}, {"status", "queued"}, {"deduplicated", again}});
+    // A repeat of a request already taken (a retry, or a client that died waiting for the answer) names
+    // it by its idempotency key: it is answered again but asks for no second report.
+    auto booking =
+        ctx.recordings.addFinalizeRequest(recording.id, body, req.get_header_value("Idempotency-Key"));
+    if (booking == RecordingStore::FinalizeBooking::unknownRecording) {
+        HttpReply::error(res, 404, "recording_not_found", "Recording not found");
+        return;
+    }
+    HttpReply::json(res, 200,
+                    Json{{"ok", true},
+                         {"status", "queued"},
+                         {"deduplicated", booking != RecordingStore::FinalizeBooking::first}});
 }
 
 void earlySpeakerMapping(DevServerContext& ctx, const Req& req, Res& res) {

@@ -4,6 +4,7 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <iostream>
 
 namespace kavelo {
@@ -165,15 +166,27 @@ bool RecordingStore::setMapping(const std::string& meetingId, const std::vector<
     return true;
 }
 
-bool RecordingStore::addFinalizeRequest(const std::string& id, const Json& payload) {
+RecordingStore::FinalizeBooking RecordingStore::addFinalizeRequest(const std::string& id, const Json& payload,
+                                                                   const std::string& idempotencyKey) {
     std::unique_lock lock(mutex_);
     auto it = recordings_.find(id);
     if (it == recordings_.end()) {
-        return false;
+        return FinalizeBooking::unknownRecording;
     }
-    it->second.finalizeRequests.push_back(payload);
+    auto& recording = it->second;
+    if (!idempotencyKey.empty() && std::find(recording.finalizeKeys.begin(), recording.finalizeKeys.end(),
+                                             idempotencyKey) != recording.finalizeKeys.end()) {
+        ++recording.finalizeRepeats;
+        persist(lock);
+        return FinalizeBooking::repeat;
+    }
+    const bool first = recording.finalizeRequests.empty();
+    recording.finalizeRequests.push_back(payload);
+    if (!idempotencyKey.empty()) {
+        recording.finalizeKeys.push_back(idempotencyKey);
+    }
     persist(lock);
-    return true;
+    return first ? FinalizeBooking::first : FinalizeBooking::again;
 }
 
 bool RecordingStore::addDiagnosticSync(const std::string& id, const Json& payload) {

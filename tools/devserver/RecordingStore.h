@@ -57,7 +57,11 @@ class RecordingStore {
     bool setMapping(const std::string& meetingId, const std::vector<std::string>& participants,
                     const std::optional<std::string>& status);
 
-    bool addFinalizeRequest(const std::string& id, const Json& payload);
+    // first: the recording's first report request; again: another one; repeat: the idempotency key was
+    // taken before, so nothing is added but the count of repeats.
+    enum class FinalizeBooking { first, again, repeat, unknownRecording };
+    FinalizeBooking addFinalizeRequest(const std::string& id, const Json& payload,
+                                       const std::string& idempotencyKey);
     bool addDiagnosticSync(const std::string& id, const Json& payload);
 
     [[nodiscard]] PipelineSettings settings() const;

@@ -2,6 +2,7 @@
 
 #include "core/transport/ChunkStore.h"
 #include "tools/devserver/CallerAuth.h"
+#include "tools/devserver/DevServerOptions.h"
 #include "tools/devserver/HttpReply.h"
 #include "tools/devserver/ObjectStorage.h"
 #include "tools/devserver/RecordingStore.h"
@@ -50,6 +51,13 @@ void store(DevServerContext& ctx, httplib::Response& res, const std::string& buc
     }
     auto result = ctx.storage.put(bucket, path, Bytes(body.begin(), body.end()), upsert);
     if (result == ObjectStorage::PutResult::conflict) {
+        if (ctx.options.storageConflictAs400) {
+            HttpReply::json(res, 400,
+                            Json{{"statusCode", "409"},
+                                 {"error", "Duplicate"},
+                                 {"message", "The resource already exists"}});
+            return;
+        }
         HttpReply::error(res, 409, "Duplicate", "The resource already exists");
         return;
     }

@@ -44,7 +44,7 @@ TEST(EnvironmentSettings, TheMockWorldIsChosenOnlyByNameAndKeepsToItsOwnPlaces) 
     EXPECT_EQ(mode, AppEnvironmentMode::mock);
     const auto dir = EnvironmentSettings::dataDirectory(mode, env);
     EXPECT_EQ(dir, std::filesystem::path("/home/ann/.local/share/Kavely/Mock"));
-    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.mac.session.mock");
+    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.linux.session.mock");
     const auto config = EnvironmentSettings::makeConfig(mode, info(Json::object()), dir);
     EXPECT_NE(config.supabaseUrl.find("mock"), std::string::npos);
     EXPECT_EQ(config.anonKey.size(), 13u);

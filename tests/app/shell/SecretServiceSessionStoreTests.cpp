@@ -198,7 +198,8 @@ AuthSession sampleSession(std::string access) {
 struct LoggedStore {
     std::shared_ptr<CoreLogger> logger = std::make_shared<CoreLogger>(std::make_shared<ManualClock>(), 100);
     SecretServiceSessionStore store;
-    explicit LoggedStore(std::string service) : store(std::move(service), "auth-session", logger) {}
+    explicit LoggedStore(std::string service, std::string legacy = {})
+        : store(std::move(service), "auth-session", logger, std::move(legacy)) {}
     std::vector<std::string> errors() const {
         std::vector<std::string> out;
         for (const auto& e : logger->allEntries()) {
@@ -239,8 +240,8 @@ class SecretServiceSessionStoreTest : public ::testing::Test {
 } // namespace
 
 TEST_F(SecretServiceSessionStoreTest, KeepsTheSessionAsSortedJsonUnderServiceAndAccount) {
-    LoggedStore live("com.kavely.mac.session");
-    LoggedStore mock("com.kavely.mac.session.mock");
+    LoggedStore live("com.kavely.linux.session");
+    LoggedStore mock("com.kavely.linux.session.mock");
     EXPECT_EQ(live.store.load(), std::nullopt);
 
     live.store.save(sampleSession("first"));
@@ -251,7 +252,7 @@ TEST_F(SecretServiceSessionStoreTest, KeepsTheSessionAsSortedJsonUnderServiceAnd
     // Other tools find the same item by the same two attributes.
     std::string text;
     ASSERT_EQ(
-        runToEnd({"secret-tool", "lookup", "service", "com.kavely.mac.session", "account", "auth-session"},
+        runToEnd({"secret-tool", "lookup", "service", "com.kavely.linux.session", "account", "auth-session"},
                  "", &text),
         0);
     EXPECT_EQ(text, CoreJSON::encode(sampleSession("second").toJson()));
@@ -261,6 +262,33 @@ TEST_F(SecretServiceSessionStoreTest, KeepsTheSessionAsSortedJsonUnderServiceAnd
     EXPECT_EQ(live.store.load(), std::nullopt);
     EXPECT_TRUE(live.errors().empty());
     EXPECT_TRUE(mock.errors().empty());
+}
+
+TEST_F(SecretServiceSessionStoreTest, ASessionUnderTheEarlierNameIsMovedAndASignOutClearsBoth) {
+    const std::string json = CoreJSON::encode(sampleSession("kept").toJson());
+    auto lookup = [](const std::string& service) {
+        std::string text;
+        runToEnd({"secret-tool", "lookup", "service", service, "account", "auth-session"}, "", &text);
+        return text;
+    };
+    ASSERT_EQ(runToEnd({"secret-tool", "store", "--label=x", "service", "kavely.test.old", "account",
+                        "auth-session"},
+                       json),
+              0);
+    LoggedStore store("kavely.test.new", "kavely.test.old");
+    EXPECT_EQ(store.store.load(), sampleSession("kept"))
+        << "a user signed in before the rename stays signed in";
+    EXPECT_EQ(lookup("kavely.test.new"), json);
+    EXPECT_EQ(lookup("kavely.test.old"), "");
+
+    // An old item that a downgraded version wrote again must not bring a signed-out session back.
+    ASSERT_EQ(runToEnd({"secret-tool", "store", "--label=x", "service", "kavely.test.old", "account",
+                        "auth-session"},
+                       json),
+              0);
+    store.store.clear();
+    EXPECT_EQ(store.store.load(), std::nullopt);
+    EXPECT_TRUE(store.errors().empty());
 }
 
 TEST_F(SecretServiceSessionStoreTest, AnUndecodableItemReadsAsSignedOutWithOneErrorAndStays) {
@@ -284,7 +312,7 @@ TEST(SecretServiceWithoutServiceTest, EveryFailureIsLoggedAndNothingIsThrown) {
     std::string previous = saved ? saved : "";
     ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/kavelo-test-bus", 1);
 
-    LoggedStore store("com.kavely.mac.session");
+    LoggedStore store("com.kavely.linux.session");
     EXPECT_EQ(store.store.load(), std::nullopt);
     store.store.save(sampleSession("a"));
     store.store.clear();

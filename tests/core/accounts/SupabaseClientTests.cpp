@@ -106,12 +106,18 @@ TEST_F(FunctionClientTest, OneRetryAfter401WithARefreshedToken) {
     EXPECT_EQ(requests[0].body, requests[1].body);
     EXPECT_EQ(warnLines(), (std::vector<std::string>{"f: 401 — token ververst, één herkansing"}));
 
+    // The gateway's 403 with a JWT message means the same.
+    http->answer(403, R"({"message":"Invalid JWT"})");
+    http->answer(200, "ok");
+    EXPECT_EQ(stringFromBytes(client(provider).postRaw("f", Json::object())), "ok");
+    EXPECT_EQ(warnLines().back(), "f: 403 — token ververst, één herkansing");
+
     // A second 401 is final.
     http->answer(401, R"({"message":"first"})");
     http->answer(401, R"({"message":"second"})");
     EXPECT_EQ(apiErrorOf([&] { client(provider).postRaw("f", Json::object()); }),
               APIError::http(401, std::nullopt, "second"));
-    EXPECT_EQ(http->requests().size(), 4u);
+    EXPECT_EQ(http->requests().size(), 6u);
 
     // An optional call that went out with the anon key is retried as well.
     auto anonThenToken = std::make_shared<FixedTokenProvider>(std::nullopt, "fresh");
@@ -252,6 +258,26 @@ TEST(RestClientTest, RefusalsRetryOnceAfter401AndTransportErrorsPassUnchanged) {
     http->answer(401, R"({"code":"PGRST301","message":"JWT expired"})");
     EXPECT_EQ(apiErrorOf([&] { noRefresh.select("t", "*"); }),
               APIError::http(401, std::nullopt, R"({"code":"PGRST301","message":"JWT expired"})"));
+
+    // Storage and the gateway refuse a stale token as 400 or 403 with a JWT message: the same one retry.
+    for (const auto& [status, body] : std::vector<std::pair<int, std::string>>{
+             {400, R"({"statusCode":"403","error":"Unauthorized","message":"jwt expired"})"},
+             {403, R"({"code":403,"error_code":"bad_jwt","msg":"invalid JWT: token is expired"})"},
+             {400, R"({"statusCode":"400","error":"InvalidJWT","message":"Invalid Compact JWS"})"},
+             {403, "JWSError JWSInvalidSignature"}}) {
+        http->answer(status, body);
+        http->answer(200, "[2]");
+        EXPECT_EQ(stringFromBytes(rest.select("t", "*")), "[2]") << body;
+    }
+    // Other refusals are the server's answer, not a token's.
+    const auto before = http->requests().size();
+    http->answer(
+        403,
+        R"({"statusCode":"403","error":"Unauthorized","message":"new row violates row-level security"})");
+    EXPECT_EQ(apiErrorOf([&] { rest.select("t", "*"); }).httpStatus(), 403);
+    http->answer(400, R"({"statusCode":"409","error":"Duplicate"})");
+    EXPECT_EQ(apiErrorOf([&] { rest.select("t", "*"); }).httpStatus(), 400);
+    EXPECT_EQ(http->requests().size(), before + 2);
 
     http->fail(TransportError(TransportError::Kind::timeout, "Timeout was reached"));
     try {

@@ -53,8 +53,13 @@ class FinalizeWaitTest : public ::testing::Test {
 
 } // namespace
 
-TEST_F(FinalizeWaitTest, NoChunksMeansNothingToWaitFor) {
+TEST_F(FinalizeWaitTest, NoChunksMeansNothingToWaitForAndTooManyIsRefusedAtOnce) {
     EXPECT_EQ(wait(0), WaitResult::allChunksOnServer());
+    EXPECT_EQ(api->listCalls.load(), 0);
+    EXPECT_TRUE(calls.empty());
+
+    // Each round counts up to the last sequence: one that no recording reaches is not waited for.
+    EXPECT_EQ(wait(2147483647), WaitResult::missingChunks({}));
     EXPECT_EQ(api->listCalls.load(), 0);
     EXPECT_TRUE(calls.empty());
 }

@@ -3,6 +3,7 @@
 #include "core/backend/LiveRecordingAPI.h"
 #include "core/backend/RecordingAPIBodies.h"
 #include "core/support/ManualClock.h"
+#include "core/support/RecordingLimits.h"
 #include "helpers/LoopbackServer.h"
 
 #include <gtest/gtest.h>
@@ -115,9 +116,8 @@ TEST_F(LiveRecordingAPITest, InitTurnsRefusalsAndSilenceIntoItsOwnErrors) {
 }
 
 TEST_F(LiveRecordingAPITest, ChunkListIsReadLenientlyAndEveryFailureIsUnchecked) {
-    answer(200,
-           R"({"uploaded_sequences":[0,"1"," 2 ",3.9,null,true,"abc","+5",-4,3],"missing":[6,"7x",{}]})");
-    EXPECT_EQ(api->listRecordingChunks("rec-1"), (ChunkReconciliation{{0, 1, 2, 3, 5, -4, 3}, {6}, true}));
+    answer(200, R"({"uploaded_sequences":["1"," 2 ",3.9,null,true,"abc","+5",3],"missing":[6,"7x",{}]})");
+    EXPECT_EQ(api->listRecordingChunks("rec-1"), (ChunkReconciliation{{1, 2, 3, 5}, {6}, true}));
     auto sent = lastRequest();
     EXPECT_EQ(sent.path, "/functions/v1/list-recording-chunks");
     EXPECT_EQ(sent.body, R"({"recording_id":"rec-1"})");
@@ -142,6 +142,31 @@ TEST_F(LiveRecordingAPITest, ChunkListIsReadLenientlyAndEveryFailureIsUnchecked)
     EXPECT_EQ(server.requestCount(), before); // nothing went out without a user
 }
 
+TEST(ChunkListReader, AListNoRecordingCanHaveIsRefusedAndDuplicatesFold) {
+    auto read = [](const std::string& body) {
+        return LiveRecordingAPI::parseChunkList(bytesFromString(body));
+    };
+    // Numbers that no chunk of a recording carries: recovery and the finalize wait would count up to them.
+    for (const char* body : {R"({"uploaded_sequences":[1,2147483647]})", R"({"uploaded_sequences":[0]})",
+                             R"({"missing":[-4]})", R"({"uploaded_sequences":["-1"]})",
+                             R"({"uploaded_sequences":[32769]})", R"({"missing":[1e300]})"}) {
+        EXPECT_EQ(read(body), ChunkReconciliation::unchecked()) << body;
+        EXPECT_THROW(LiveRecordingAPI::readChunkList(bytesFromString(body)), DecodingError) << body;
+    }
+    EXPECT_EQ(read(R"({"uploaded_sequences":[3,1,3,3,1,32768],"missing":[2,2]})"),
+              (ChunkReconciliation{{1, 3, 32768}, {2}, true}));
+
+    // Longer than a recording can be, even of valid numbers, or a body too large to be such a list.
+    std::string flood = R"({"uploaded_sequences":[)";
+    for (int i = 0; i <= RecordingLimits::maxChunks; ++i) {
+        flood += (i ? ",1" : "1");
+    }
+    flood += "]}";
+    EXPECT_EQ(read(flood), ChunkReconciliation::unchecked());
+    EXPECT_EQ(read(R"({"pad":")" + std::string(LiveRecordingAPI::maxChunkListBytes, ' ') + "\"}"),
+              ChunkReconciliation::unchecked());
+}
+
 TEST_F(LiveRecordingAPITest, FinalizeAndDiagnosticsGoToTheSameFunction) {
     FinalizePayload payload;
     payload.recordingId = "rec-1";
@@ -153,6 +178,8 @@ TEST_F(LiveRecordingAPITest, FinalizeAndDiagnosticsGoToTheSameFunction) {
     api->finalizeRecording(payload);
     EXPECT_EQ(lastRequest().path, "/functions/v1/finalize-recording");
     EXPECT_EQ(lastRequest().header("authorization"), "Bearer anon-key");
+    // Every try for one recording carries the same key, so a repeat asks for no second report.
+    EXPECT_EQ(lastRequest().header("idempotency-key"), "finalize-rec-1");
     EXPECT_EQ(FinalizePayload::fromJson(Json::parse(lastRequest().body)), payload);
 
     DiagnosticsPayload diagnostics;

@@ -80,6 +80,22 @@ TEST(WireRecords, InitRecordingResponseNeedsSnakeCaseIdAndKeepsOptionalsAbsent) 
     EXPECT_FALSE(
         InitRecordingResponse::fromJson(Json::parse(R"({"recording_id":"r","recording_secret":null})"))
             .recordingSecret);
+
+    // An id becomes a folder and a path, a secret a header: what cannot be both is refused at the door.
+    for (const std::string& id :
+         {std::string(), std::string("a/b"), std::string("a:b"), std::string(".."), std::string("..."),
+          std::string("../../etc"), std::string("a\\b"), std::string("a b"), std::string("r\0x", 3),
+          std::string(65, 'r'), std::string("caf\xc3\xa9")}) {
+        EXPECT_THROW(InitRecordingResponse::fromJson(Json{{"recording_id", id}}), DecodingError) << id;
+    }
+    EXPECT_EQ(InitRecordingResponse::fromJson(Json{{"recording_id", "4f1c-a_b.c~d"}}).recordingId,
+              "4f1c-a_b.c~d");
+    for (const std::string& secret :
+         {std::string(), std::string("s\r\nx-evil: 1"), std::string("with space"), std::string(513, 's')}) {
+        EXPECT_THROW(
+            InitRecordingResponse::fromJson(Json{{"recording_id", "r"}, {"recording_secret", secret}}),
+            DecodingError);
+    }
 }
 
 TEST(WireRecords, InitRecordingRequestKeysAndOmittedOptionals) {

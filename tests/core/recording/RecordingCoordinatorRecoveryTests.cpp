@@ -74,19 +74,29 @@ TEST_F(CoordinatorRecoveryTest, AnActiveRecordingComesBackRunningWithItsChunksRe
         << "a second call finds no idle";
 }
 
-TEST_F(CoordinatorRecoveryTest, APauseIsKeptUpToItsLimitAndGivenUpAfter) {
+TEST_F(CoordinatorRecoveryTest, APauseOfAnyAgeKeepsTheRecordingForReview) {
+    // A machine that slept for three days: the capture is gone, the chunks are not.
     auto m = manifest(RecordingManifest::Stage::active);
     m.isPaused = true;
-    m.pausedAt = addSeconds(clock->now(), -7201);
+    m.pausedAt = addSeconds(clock->now(), -3 * 86400);
     recovery->save(m);
-    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::discardedExpired());
-    EXPECT_EQ(coordinator->phase(), P::idle);
-    EXPECT_FALSE(recovery->load().has_value());
-    EXPECT_TRUE(logged("recovered pause older than max — discarding to stopped flow"));
+    chunkStore->store("rec-old", 1, Bytes(8, 1));
+    chunkStore->store("rec-old", 2, Bytes(8, 1));
+    api->chunkAnswer = ChunkReconciliation{{}, {}, true};
 
-    m.pausedAt = addSeconds(clock->now(), -7200);
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(coordinator->phase(), P::processingMapping);
+    EXPECT_EQ(coordinator->lastSequence(), 2);
+    EXPECT_EQ(recovery->load()->stage, RecordingManifest::Stage::stopped);
+    EXPECT_TRUE(chunkStore->exists("rec-old", 1));
+    EXPECT_TRUE(chunkStore->exists("rec-old", 2));
+}
+
+TEST_F(CoordinatorRecoveryTest, ARecorderPausedInThisProcessComesBackWithAFreshLimitHoweverOld) {
+    auto m = manifest(RecordingManifest::Stage::active);
+    m.isPaused = true;
+    m.pausedAt = addSeconds(clock->now(), -30000);
     recovery->save(m);
-    // The recorder of this process still holds the paused capture.
     StartRecordingInput input;
     input.recordingId = "rec-old";
     mock->start(input);
@@ -98,6 +108,16 @@ TEST_F(CoordinatorRecoveryTest, APauseIsKeptUpToItsLimitAndGivenUpAfter) {
     waitForSleepersExactly(3);
     clock->advance(60);
     EXPECT_EQ(api->syncs().size(), 2u) << "the relaunch's own sync, then one heartbeat";
+}
+
+TEST_F(CoordinatorRecoveryTest, AChunkFileNoRecordingCanHaveIsNotCountedUpTo) {
+    recovery->save(manifest(RecordingManifest::Stage::active));
+    chunkStore->store("rec-old", 3, Bytes(8, 1));
+    chunkStore->store("rec-old", 2147483647, Bytes(8, 1)); // a file planted under a hostile name
+    api->chunkAnswer = ChunkReconciliation{{1, 2}, {}, true};
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(coordinator->lastSequence(), 3);
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{3}}));
 }
 
 TEST_F(CoordinatorRecoveryTest, ARecorderStillPausedInThisProcessDecidesWithoutAddingPauseTime) {
@@ -184,4 +204,66 @@ TEST_F(CoordinatorRecoveryTest, ACaptureThatDiedBeforeItsFirstChunkLeavesNothing
     EXPECT_FALSE(recovery->load().has_value());
     EXPECT_EQ(coordinator->phase(), P::idle);
     EXPECT_TRUE(api->finalizes().empty());
+}
+
+class CoordinatorInterruptedFinalizeTest : public CoordinatorRecoveryTest {
+  public:
+    RecordingManifest sentManifest(bool accepted) {
+        auto m = manifest(RecordingManifest::Stage::stopped);
+        m.lastSequence = 2;
+        FinalizePayload request;
+        request.recordingId = "rec-old";
+        request.userId = "user-1";
+        request.meetingName = "Oud overleg";
+        request.recipients = {{"bram@example.test", "Bram"}};
+        request.outputLanguage = "en";
+        m.finalizeRequest = request;
+        m.finalizeAccepted = accepted;
+        chunkStore->store("rec-old", 2, Bytes(8, 1));
+        return m;
+    }
+};
+
+TEST_F(CoordinatorInterruptedFinalizeTest, ARequestThatWasOnItsWayIsSentAgainOnceAndTheRecordingEnds) {
+    int hookCalls = 0;
+    hooks.onFinalizeSuccess = [&](const std::optional<std::string>& name, const std::vector<std::string>&,
+                                  const std::vector<FinalizeRecipient>& recipients) {
+        EXPECT_EQ(name, "Oud overleg");
+        EXPECT_EQ(recipients.size(), 1u);
+        ++hookCalls;
+    };
+    build();
+    coordinator->sessionDidSignIn();
+    const auto m = sentManifest(false);
+    recovery->save(m);
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::finishedFinalize());
+    // The same request, not one built anew from an empty review.
+    EXPECT_EQ(api->finalizes(), (std::vector<FinalizePayload>{*m.finalizeRequest}));
+    EXPECT_EQ(coordinator->phase(), P::idle);
+    EXPECT_FALSE(recovery->load().has_value());
+    EXPECT_FALSE(chunkStore->exists("rec-old", 2));
+    EXPECT_EQ(hookCalls, 1);
+}
+
+TEST_F(CoordinatorInterruptedFinalizeTest, AnAcceptedRequestIsNotSentAgain) {
+    recovery->save(sentManifest(true));
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::finishedFinalize());
+    EXPECT_TRUE(api->finalizes().empty());
+    EXPECT_FALSE(recovery->load().has_value());
+    EXPECT_FALSE(chunkStore->exists("rec-old", 2));
+}
+
+TEST_F(CoordinatorInterruptedFinalizeTest, NoAnswerWaitsAndARefusalGoesBackToTheReview) {
+    const auto m = sentManifest(false);
+    recovery->save(m);
+    api->finalizeError = APIError::network("offline");
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::deferred());
+    EXPECT_EQ(recovery->load(), m) << "kept whole for the next sign-in";
+    EXPECT_TRUE(chunkStore->exists("rec-old", 2));
+
+    api->finalizeError = APIError::http(400, std::nullopt, "recipients invalid");
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(coordinator->phase(), P::processingMapping);
+    EXPECT_FALSE(recovery->load()->finalizeRequest.has_value());
+    EXPECT_EQ(api->finalizes().size(), 2u);
 }

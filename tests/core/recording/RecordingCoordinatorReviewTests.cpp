@@ -190,7 +190,10 @@ TEST_F(CoordinatorReviewTest, AFailedFinalizeKeepsEverythingAndARetryFinishes) {
     api->finalizeError = APIError::http(500, std::nullopt, "boom");
     coordinator->submitShare(true);
     EXPECT_EQ(coordinator->phase(), P::errorRecoverable);
-    EXPECT_TRUE(recovery->load().has_value());
+    ASSERT_TRUE(recovery->load().has_value());
+    // The request as it went out stays with the manifest: a relaunch sends this one, not a second report.
+    EXPECT_EQ(recovery->load()->finalizeRequest, api->finalizes().at(0));
+    EXPECT_FALSE(recovery->load()->finalizeAccepted);
     EXPECT_TRUE(coordinator->canRetryFinalize());
 
     api->finalizeError.reset();

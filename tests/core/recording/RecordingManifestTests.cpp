@@ -71,6 +71,48 @@ TEST(RecordingManifestTest, ReadsLenientlyWhereAllowedAndRejectsTheRest) {
     EXPECT_THROW(RecordingManifest::fromJson(broken([](Json& j) { j["lastSequence"] = 1e12; })),
                  DecodingError);
     EXPECT_THROW(RecordingManifest::fromJson(Json::array()), DecodingError);
+
+    // Recovery counts up to lastSequence and names a folder by the id: both are held to what a recording
+    // can be, the same rule that the backend's answer met at the start.
+    for (const Json& last : {Json(-1), Json(2147483647), Json(32769)}) {
+        EXPECT_THROW(RecordingManifest::fromJson(broken([&](Json& j) { j["lastSequence"] = last; })),
+                     DecodingError)
+            << last;
+    }
+    EXPECT_EQ(RecordingManifest::fromJson(broken([](Json& j) { j["lastSequence"] = 0; })).lastSequence, 0);
+    for (const char* id : {"a/b", "..", "a:b", ""}) {
+        EXPECT_THROW(RecordingManifest::fromJson(broken([&](Json& j) { j["recordingId"] = id; })),
+                     DecodingError)
+            << id;
+    }
+    EXPECT_NO_THROW(
+        RecordingManifest::fromJson(broken([](Json& j) { j["recordingId"] = std::string(64, 'r'); })));
+    EXPECT_THROW(
+        RecordingManifest::fromJson(broken([](Json& j) { j["recordingId"] = std::string(65, 'r'); })),
+        DecodingError);
+    EXPECT_THROW(RecordingManifest::fromJson(broken([](Json& j) { j["recordingSecret"] = "a\nb"; })),
+                 DecodingError);
+    EXPECT_THROW(RecordingManifest::fromJson(broken([](Json& j) { j["totalPausedMs"] = -5; })),
+                 DecodingError);
+}
+
+TEST(RecordingManifestTest, KeepsTheReportRequestForItsOwnRecordingOnly) {
+    auto m = fullManifest();
+    FinalizePayload request;
+    request.recordingId = m.recordingId;
+    request.userId = "user-7";
+    request.recipients = {{"a@b.nl", "An"}};
+    request.outputLanguage = "nl";
+    m.finalizeRequest = request;
+    m.finalizeAccepted = true;
+    EXPECT_EQ(RecordingManifest::fromJson(CoreJSON::decode(CoreJSON::encode(m.toJson()))), m);
+
+    Json other = m.toJson();
+    other["finalizeRequest"]["recording_id"] = "rec-other";
+    EXPECT_THROW(RecordingManifest::fromJson(other), DecodingError);
+    Json flag = m.toJson();
+    flag["finalizeAccepted"] = "yes";
+    EXPECT_THROW(RecordingManifest::fromJson(flag), DecodingError);
 }
 
 TEST(RecordingManifestTest, InMemoryStoreKeepsOneManifest) {

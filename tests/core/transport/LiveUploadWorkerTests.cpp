@@ -76,7 +76,7 @@ TEST_F(UploadWorkerTest, SignedRouteCarriesAChunkWithTheExactEventsRequestsAndCl
 
     EXPECT_EQ(
         logLines(LogLevel::info),
-        std::vector<std::string>{"uploader configured recording=org_rec_1 signedUrl=true jwtFallback=true"});
+        std::vector<std::string>{"uploader configured recording=org%2Frec%3A1 signedUrl=true jwtFallback=true"});
     // No secret in any event or log line.
     for (const auto& e : events->all()) {
         for (const auto& text : {e.mode, e.message}) {

@@ -38,7 +38,7 @@ TEST(MockSignedURLProviderTest, FailsAsToldThenHandsOutOneStorageURLPerSequence)
     }
     auto urls = provider.fetchSignedURLs("rec/a:b", "secret", 7, 3);
     ASSERT_EQ(urls.size(), 3u);
-    EXPECT_EQ(urls[0], (SignedURL{7, "https://mock-storage.kavely.test/upload/rec_a_b/7"}));
+    EXPECT_EQ(urls[0], (SignedURL{7, "https://mock-storage.kavely.test/upload/rec%2Fa%3Ab/7"}));
     EXPECT_EQ(urls[2].sequence, 9);
     EXPECT_TRUE(provider.fetchSignedURLs("rec", "secret", 1, 0).empty());
 }

@@ -181,6 +181,16 @@ TEST(LiveSignedURLProviderTest, StatusAndBodyFailuresSurfaceAsTheirOwnErrors) {
     EXPECT_THROW(provider.fetchSignedURLs("rec-1", "s", 1, 50), DecodingError);
     http->respondOnce("POST", "", 200, bytesFromString(R"({"urls":[]})"));
     EXPECT_TRUE(provider.fetchSignedURLs("rec-1", "s", 1, 0).empty());
+
+    // The worker pools what comes back: more than was asked for, or numbers no chunk has, must not land.
+    http->respondOnce("POST", "", 200, bytesFromString(R"({"urls":[{"sequence":1,"url":"https://x.test/1"},
+                                                  {"sequence":2,"url":"https://x.test/2"}]})"));
+    EXPECT_THROW(provider.fetchSignedURLs("rec-1", "s", 1, 1), DecodingError);
+    http->respondOnce("POST", "", 200, bytesFromString(R"({"urls":[{"sequence":-3,"url":"https://x.test/a"},
+                                                  {"sequence":2147483647,"url":"https://x.test/b"},
+                                                  {"sequence":2,"url":"https://x.test/2"}]})"));
+    EXPECT_EQ(provider.fetchSignedURLs("rec-1", "s", 2, 3),
+              (std::vector<SignedURL>{{2, "https://x.test/2"}}));
     EXPECT_EQ(http->requests().back().headers.count("apikey"), 0u);
     EXPECT_EQ(http->requests().back().headers.count("Authorization"), 0u);
 }

@@ -2,6 +2,7 @@
 
 #include "core/accounts/AuthError.h"
 #include "core/accounts/LiveAuthService.h"
+#include "core/backend/APIError.h"
 #include "core/backend/AccessTokenProvider.h"
 #include "core/backend/CurlHTTPClient.h"
 #include "core/backend/LiveRecordingAPI.h"
@@ -130,11 +131,89 @@ TEST_F(ClientsAgainstStandInTest, RecordingRoadThroughLiveRecordingApiSurvivesAn
     payload.outputLanguage = "nl";
     payload.diagnostics = diagnostics;
     api.finalizeRecording(payload);
+    // The same request again (a retry, a relaunch after a crash mid-request) asks for no second report.
+    api.finalizeRecording(payload);
     auto seen = admin("/__admin/recordings/" + created.recordingId);
     ASSERT_EQ(seen["finalize_requests"].size(), 1u);
+    EXPECT_EQ(seen["finalize_repeats"], 1);
     EXPECT_EQ(seen["finalize_requests"][0]["recipients"][0]["email"], "bram@example.test");
     EXPECT_EQ(seen["diagnostic_syncs"].size(), 1u);
     EXPECT_EQ(seen["audio_mode"], "system");
+}
+
+TEST_F(ClientsAgainstStandInTest, ATokenRefusedAsTheHostedBackendDoesIsRefreshedOnceEverywhere) {
+    for (const char* status : {"400", "403"}) {
+        SCOPED_TRACE(status);
+        server_.restart({"--meeting-row-delay", "0", "--user", "anna@example.test:geheim123",
+                         "--expired-token-status", status});
+        auto session = auth_->signIn("anna@example.test", "geheim123");
+        auto tokens = std::make_shared<RefreshingTokens>(auth_, session);
+        auto rest = std::make_shared<SupabaseRestClient>(config_, http_, tokens);
+        LiveRecordingAPI api(std::make_shared<SupabaseFunctionClient>(config_, http_, tokens, logger_), rest);
+        auto created = api.initRecording({session.user.id, session.user.email, "Anna", "Weekstart", "linux",
+                                          "1.0.0", "nl", std::nullopt, "system"});
+
+        // Functions, tables and storage each answer the dead token with the status given and a JWT
+        // message; each client refreshes once and goes on.
+        ASSERT_TRUE(admin_.Post("/__admin/tokens/expire", "{}", "application/json"));
+        EXPECT_TRUE(api.listRecordingChunks(created.recordingId).checked);
+        ASSERT_TRUE(admin_.Post("/__admin/tokens/expire", "{}", "application/json"));
+        EXPECT_TRUE(api.resolveMeetingId(created.recordingId).has_value());
+        ASSERT_TRUE(admin_.Post("/__admin/tokens/expire", "{}", "application/json"));
+        EXPECT_NO_THROW(
+            rest->uploadStorageObject("logos", "org/logo.png", bytesFromString("png"), "image/png"));
+        EXPECT_EQ(tokens->refreshes(), 3);
+    }
+}
+
+TEST_F(ClientsAgainstStandInTest, AHostileBackendCannotHandOutAnIdThatNamesAPlaceOnDisk) {
+    for (const char* mode : {"long", "path", "slash"}) {
+        SCOPED_TRACE(mode);
+        server_.restart({"--user", "anna@example.test:geheim123", "--hostile-recording-id", mode});
+        auto session = auth_->signIn("anna@example.test", "geheim123");
+        auto tokens = std::make_shared<RefreshingTokens>(auth_, session);
+        LiveRecordingAPI api(std::make_shared<SupabaseFunctionClient>(config_, http_, tokens, logger_),
+                             std::make_shared<SupabaseRestClient>(config_, http_, tokens));
+        try {
+            api.initRecording({session.user.id, session.user.email, "Anna", "Weekstart", "linux", "1.0.0",
+                               "nl", std::nullopt, "system"});
+            ADD_FAILURE() << "an unusable id was accepted";
+        } catch (const APIError& e) {
+            EXPECT_EQ(e.kind(), APIError::Kind::decoding);
+        }
+    }
+}
+
+TEST_F(ClientsAgainstStandInTest, AHostileChunkListIsReadAsUncheckedWithoutHangingOrGrowing) {
+    for (const char* mode : {"huge", "negative", "flood"}) {
+        SCOPED_TRACE(mode);
+        server_.restart({"--user", "anna@example.test:geheim123", "--hostile-chunk-list", mode});
+        auto session = auth_->signIn("anna@example.test", "geheim123");
+        auto tokens = std::make_shared<RefreshingTokens>(auth_, session);
+        LiveRecordingAPI api(std::make_shared<SupabaseFunctionClient>(config_, http_, tokens, logger_),
+                             std::make_shared<SupabaseRestClient>(config_, http_, tokens));
+        auto created = api.initRecording({session.user.id, session.user.email, "Anna", "Weekstart", "linux",
+                                          "1.0.0", "nl", std::nullopt, "system"});
+        EXPECT_EQ(api.listRecordingChunks(created.recordingId), ChunkReconciliation::unchecked());
+    }
+    // Duplicates are only noise: they fold into the one sequence they repeat.
+    server_.restart({"--user", "anna@example.test:geheim123", "--hostile-chunk-list", "duplicate"});
+    auto session = auth_->signIn("anna@example.test", "geheim123");
+    auto tokens = std::make_shared<RefreshingTokens>(auth_, session);
+    LiveRecordingAPI api(std::make_shared<SupabaseFunctionClient>(config_, http_, tokens, logger_),
+                         std::make_shared<SupabaseRestClient>(config_, http_, tokens));
+    auto created = api.initRecording({session.user.id, session.user.email, "Anna", "Weekstart", "linux",
+                                      "1.0.0", "nl", std::nullopt, "system"});
+    HTTPRequest upload;
+    upload.method = "POST";
+    upload.url =
+        server_.baseUrl() + "/storage/v1/object/recordings/" + created.recordingId + "/chunks/00001.aac";
+    upload.headers = {{"apikey", config_.anonKey},
+                      {"Authorization", "Bearer " + session.accessToken},
+                      {"Content-Type", "audio/aac"}};
+    upload.body = bytesFromString("aac");
+    ASSERT_EQ(http_->send(upload).statusCode, 200);
+    EXPECT_EQ(api.listRecordingChunks(created.recordingId), (ChunkReconciliation{{1}, {}, true}));
 }
 
 TEST_F(ClientsAgainstStandInTest, AuthServiceReadsEveryAnswerOfTheAuthApi) {

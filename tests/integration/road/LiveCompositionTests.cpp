@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 
 using namespace kavelo;
@@ -231,6 +232,98 @@ TEST_F(LiveCompositionTest, ARecordingTravelsTheWholeRoadWithEveryChunkOnTheServ
     std::lock_guard lock(countMutex);
     ASSERT_GE(tokensSeen.size(), 2u);
     EXPECT_NE(tokensSeen.front(), tokensSeen.back());
+}
+
+// Peak resident memory of this process so far, in KiB.
+long peakResidentKiB() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return 0;
+}
+
+// What a backend could do to a client that trusts it: chunk lists up to INT_MAX or of two million
+// entries, ids that name places outside the data directory. The road must end as usual, in bounded
+// memory, with nothing written outside the data directory.
+TEST_F(LiveCompositionTest, AHostileStandInNeitherHangsTheRoadNorReachesOutsideTheDataDirectory) {
+    const std::vector<std::string> base{"--meeting-row-delay",        "0", "--mapping-delay", "0.5", "--user",
+                                        "anna@example.test:geheim123"};
+    auto expectOnlyOurFiles = [&] {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(home_)) {
+            names.insert(entry.path().filename().string());
+        }
+        EXPECT_EQ(names, (std::set<std::string>{"data", "info.json"}));
+        EXPECT_FALSE(std::filesystem::exists(home_ / "data" / "outside"));
+        EXPECT_FALSE(std::filesystem::exists(home_.parent_path() / "outside"));
+    };
+    for (const char* mode : {"huge", "flood"}) {
+        SCOPED_TRACE(mode);
+        auto args = base;
+        args.insert(args.end(), {"--hostile-chunk-list", mode});
+        server_.restart(args);
+        const long peakBefore = peakResidentKiB();
+        const auto opts = options();
+        environment_ = std::make_unique<AppEnvironment>(AppEnvironment::detectMode(opts), opts);
+        AppEnvironment& env = *environment_;
+        auto phases = std::make_shared<PhaseLog>();
+        env.coordinator->onPhaseChange([phases](RecordingPhase phase) { phases->add(phase); });
+        const AuthSession session = env.authService->signIn("anna@example.test", "geheim123");
+        env.sessionManager->install(session);
+        env.coordinator->sessionDidSignIn();
+        PreflightContext preflight;
+        preflight.user = session.user;
+        preflight.userName = "Anna";
+        preflight.microphoneDeviceId = env.recorder->listMicrophones().front().id;
+        env.coordinator->startRecording(preflight);
+        ASSERT_EQ(env.coordinator->phase(), RecordingPhase::recording) << phases->text();
+        const std::string recordingId = env.coordinator->currentRecordingId().value();
+        live(2s);
+        env.coordinator->stopTapped();
+        env.coordinator->stopConfirmed();
+        ASSERT_TRUE(phases->waitFor(RecordingPhase::speakerReview, 60s)) << phases->text();
+        env.coordinator->confirmSpeakers();
+        ASSERT_TRUE(phases->waitFor(RecordingPhase::shareReview, 10s)) << phases->text();
+        env.coordinator->updateShare([](ShareComposer& share) { share.addRecipient("bram@example.test"); });
+        ASSERT_EQ(env.coordinator->submitShare(true), RecordingCoordinator::SubmitOutcome::started);
+        // The lying lists read as unchecked; the chunks the worker saw accepted decide.
+        ASSERT_TRUE(phases->waitFor(RecordingPhase::success, 60s)) << phases->text();
+        EXPECT_EQ(admin_.finalizeRequests(recordingId), 1u);
+        const long grownMiB = (peakResidentKiB() - peakBefore) / 1024;
+        std::printf("hostile chunk list %s: peak memory grew %ld MiB over the road\n", mode, grownMiB);
+        EXPECT_LT(grownMiB, 48);
+        environment_.reset();
+        expectOnlyOurFiles();
+    }
+
+    for (const char* mode : {"long", "path", "slash"}) {
+        SCOPED_TRACE(mode);
+        auto args = base;
+        args.insert(args.end(), {"--hostile-recording-id", mode});
+        server_.restart(args);
+        const auto opts = options();
+        environment_ = std::make_unique<AppEnvironment>(AppEnvironment::detectMode(opts), opts);
+        AppEnvironment& env = *environment_;
+        const AuthSession session = env.authService->signIn("anna@example.test", "geheim123");
+        env.sessionManager->install(session);
+        env.coordinator->sessionDidSignIn();
+        PreflightContext preflight;
+        preflight.user = session.user;
+        preflight.userName = "Anna";
+        preflight.microphoneDeviceId = env.recorder->listMicrophones().front().id;
+        env.coordinator->startRecording(preflight);
+        // Refused at the start, before anything is recorded or written.
+        EXPECT_EQ(env.coordinator->phase(), RecordingPhase::errorRecoverable);
+        EXPECT_TRUE(env.coordinator->startBlocker().has_value());
+        EXPECT_FALSE(env.recoveryStore->load().has_value());
+        EXPECT_TRUE(env.chunkStore->storedRecordings().empty());
+        environment_.reset();
+        expectOnlyOurFiles();
+    }
 }
 
 } // namespace

@@ -161,6 +161,22 @@ TEST_F(UploadAgainstStandInTest, AChunkTheServerHoldsAlreadyCountsAsUploaded) {
     EXPECT_FALSE(chunks_->exists("rec-int", 2));
 }
 
+TEST_F(UploadAgainstStandInTest, AnExistingObjectReportedAs400ByHostedStorageCountsAsUploaded) {
+    start({"--storage-conflict-as-400"});
+    auto held = admin_->Post("/storage/v1/object/recordings/rec-int/chunks/00001.aac",
+                             {{"apikey", "dev-anon-key"}, {"Authorization", "Bearer dev-anon-key"}},
+                             "earlier", "audio/aac");
+    ASSERT_TRUE(held && held->status == 200);
+    configure();
+    enqueue(1, 1);
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(1); }));
+    auto uploaded = eventsOf(NativeUploadEventKind::uploaded);
+    ASSERT_EQ(uploaded.size(), 1u);
+    EXPECT_EQ(uploaded[0].statusCode, 409) << "read as the duplicate it is";
+    EXPECT_EQ(uploaded[0].attempt, 1);
+    EXPECT_EQ(adminJson("/__admin/requests?route=signed-upload")["requests"][0]["status"], 400);
+}
+
 TEST_F(UploadAgainstStandInTest, ServerErrorsAreRetriedUntilTheChunkGetsThrough) {
     start({"--fault", "signed-upload:status=500,count=2"});
     configure();
