@@ -187,7 +187,7 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
         success_ = SuccessSummary{payload.meetingName.value_or(""), elapsedActiveSecondsLocked(now),
                                   static_cast<int>(payload.recipients.size())};
     }
-    recoveryStore_->clear();
+    clearManifest();
     chunkStore_->removeAll(recordingId);
     fire(RecordingEvent::finalizeSucceeded());
     notifyTick();

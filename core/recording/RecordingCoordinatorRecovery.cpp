@@ -27,6 +27,7 @@ std::optional<int> RecordingCoordinator::lastChunkOfInterruptedCapture(const Rec
     if (!server.checked) {
         return std::nullopt;
     }
+    sealJournalOfInterruptedCapture(manifest.recordingId, server.uploadedSequences);
     int last = 0;
     for (const int sequence : chunkStore_->storedSequences(manifest.recordingId)) {
         last = std::max(last, sequence);
@@ -35,6 +36,22 @@ std::optional<int> RecordingCoordinator::lastChunkOfInterruptedCapture(const Rec
         last = std::max(last, sequence);
     }
     return last;
+}
+
+void RecordingCoordinator::sealJournalOfInterruptedCapture(const std::string& recordingId,
+                                                           const std::vector<int>& onServer) {
+    // The chunk being filled when the process died lives on in its journal, synced about a second before
+    // the end; sealed, it becomes the recording's last chunk and counts like any other.
+    try {
+        const auto sealed =
+            chunkStore_->sealJournals(recordingId, std::set<int>(onServer.begin(), onServer.end()));
+        for (const int sequence : sealed) {
+            log(LogLevel::info, "recovered capture: journal sealed as chunk " + std::to_string(sequence));
+        }
+    } catch (const std::exception& e) {
+        log(LogLevel::error, std::string("journal of the interrupted capture not sealed: ") + e.what() +
+                                 " — it stays on disk for the next recovery");
+    }
 }
 
 RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(const AuthUser& user,
@@ -58,7 +75,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
             double age = secondsBetween(*m.pausedAt, clock_->now());
             if (timings_.maxPause < age) {
                 log(LogLevel::warn, "recovered pause older than max — discarding to stopped flow");
-                recoveryStore_->clear();
+                clearManifest();
                 return RecoveryDecision::discardedExpired();
             }
         }
@@ -77,7 +94,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
                 // Nothing was cut: the backend has nothing to report on, and a manifest kept for it would
                 // block every later recording.
                 log(LogLevel::warn, "recovered capture ended before its first chunk — discarded");
-                recoveryStore_->clear();
+                clearManifest();
                 return RecoveryDecision::discardedEmpty();
             }
             const TimePoint now = clock_->now();
@@ -92,7 +109,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
             m.lastSequence = *last;
             m.elapsedSeconds =
                 static_cast<int>(std::max(0.0, secondsBetween(m.startedAt, now) - m.totalPausedMs / 1000));
-            recoveryStore_->save(m);
+            saveManifest(m);
             log(LogLevel::info, "recovered capture settled as stopped at chunk " + std::to_string(*last));
         }
     }

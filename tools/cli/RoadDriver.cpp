@@ -147,6 +147,17 @@ void RoadDriver::onWarnings() {
     if (now.systemAudioFallback && !before.systemAudioFallback) {
         report("system_audio_fallback", "system audio could not be captured; the microphone goes on");
     }
+    const auto dataDirectory = context_.env().chunkStore->root().string();
+    if (now.diskFull && !before.diskFull) {
+        report("disk_full", "disk full: the recording goes on and keeps its audio in memory; free space on " +
+                                dataDirectory + " and it is written at once");
+    } else if (!now.diskFull && before.diskFull) {
+        report("disk_writable", "the disk takes the recording's audio again; nothing was lost");
+    }
+    if (now.diskSpaceLow && !before.diskSpaceLow) {
+        report("disk_space_low", "little disk space left on " + dataDirectory +
+                                     "; free space before it fills, or the audio waits in memory");
+    }
     changed_.notify_all();
 }
 

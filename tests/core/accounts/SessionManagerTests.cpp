@@ -143,6 +143,31 @@ TEST_F(SessionManagerTest, InstallAndSignOutKeepStoreAndObserversInStep) {
     EXPECT_EQ(events, (std::vector<std::string>{"in:a1", "signOut", "out"}));
 }
 
+// A store that a save waits in until the test lets it go, as a slow disk would.
+class SlowStore final : public SessionStore {
+  public:
+    std::optional<AuthSession> load() override { return inner.load(); }
+    void save(const AuthSession& session) override {
+        gate.enter();
+        inner.save(session);
+    }
+    void clear() override { inner.clear(); }
+    Gate gate;
+    InMemorySessionStore inner;
+};
+
+TEST_F(SessionManagerTest, AStoreWriteOnASlowDiskKeepsNoReaderWaiting) {
+    auto slow = std::make_shared<SlowStore>();
+    SessionManager manager(slow, clock);
+    std::thread installer([&] { manager.install(makeSession("a1", "r1", 3600)); });
+    ASSERT_TRUE(slow->gate.waitUntilEntered(1));
+    // The save hangs; the session is already there for every reader.
+    EXPECT_EQ(manager.currentAccessToken(), "a1");
+    slow->gate.open();
+    installer.join();
+    EXPECT_EQ(slow->inner.load()->accessToken, "a1");
+}
+
 TEST_F(SessionManagerTest, NobodySignedInMeansNoRefresh) {
     auto manager = makeManager(std::nullopt);
     std::atomic<int> calls{0};
