@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -143,29 +144,33 @@ TEST_F(SessionManagerTest, InstallAndSignOutKeepStoreAndObserversInStep) {
     EXPECT_EQ(events, (std::vector<std::string>{"in:a1", "signOut", "out"}));
 }
 
-// A store that a save waits in until the test lets it go, as a slow disk would.
-class SlowStore final : public SessionStore {
+// A store whose save asks the manager for the token from another thread while the save is under way, as
+// any caller might while a slow disk writes. The answer must not wait for the write.
+class ProbingStore final : public SessionStore {
   public:
     std::optional<AuthSession> load() override { return inner.load(); }
     void save(const AuthSession& session) override {
-        gate.enter();
+        reader = std::async(std::launch::async, [this] { return manager->currentAccessToken(); });
+        // A rendezvous with a generous bound: the manager's lock held across this call makes the reader
+        // wait for the whole save, so it cannot be ready here.
+        answeredDuringSave = reader.wait_for(5s) == std::future_status::ready;
         inner.save(session);
     }
     void clear() override { inner.clear(); }
-    Gate gate;
+    SessionManager* manager = nullptr;
+    std::future<std::optional<std::string>> reader;
+    bool answeredDuringSave = false;
     InMemorySessionStore inner;
 };
 
 TEST_F(SessionManagerTest, AStoreWriteOnASlowDiskKeepsNoReaderWaiting) {
-    auto slow = std::make_shared<SlowStore>();
-    SessionManager manager(slow, clock);
-    std::thread installer([&] { manager.install(makeSession("a1", "r1", 3600)); });
-    ASSERT_TRUE(slow->gate.waitUntilEntered(1));
-    // The save hangs; the session is already there for every reader.
-    EXPECT_EQ(manager.currentAccessToken(), "a1");
-    slow->gate.open();
-    installer.join();
-    EXPECT_EQ(slow->inner.load()->accessToken, "a1");
+    auto probing = std::make_shared<ProbingStore>();
+    SessionManager manager(probing, clock);
+    probing->manager = &manager;
+    manager.install(makeSession("a1", "r1", 3600));
+    EXPECT_TRUE(probing->answeredDuringSave);
+    EXPECT_EQ(probing->reader.get(), "a1");
+    EXPECT_EQ(probing->inner.load()->accessToken, "a1");
 }
 
 TEST_F(SessionManagerTest, NobodySignedInMeansNoRefresh) {
