@@ -334,6 +334,8 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
         mustBeThere.insert(s);
     }
     result.nothingCut = mustBeThere.empty() && result.journals.empty();
+    // A journal that holds audio becomes a chunk at the recovery, so it must reach the server as well.
+    mustBeThere.insert(result.journals.begin(), result.journals.end());
 
     ChildProcess recover(KAVELO_CLI_BINARY,
                          {"recover", "--json", "--session-file", lane.sessionFile().string(), "--recipients",
