@@ -5,6 +5,7 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
 #include <libavutil/log.h>
+#include <libavutil/opt.h>
 }
 
 #include <algorithm>
@@ -19,7 +20,7 @@ namespace {
 constexpr std::size_t reservedOutputBytes = 8 * (1024 + ADTSAACEncoder::headerSize);
 } // namespace
 
-ADTSAACEncoder::ADTSAACEncoder() {
+ADTSAACEncoder::ADTSAACEncoder(Coder coder) {
     // Closing an encoder that was never flushed makes FFmpeg warn about the frames it still held; that is
     // how every capture run ends here, so only FFmpeg's errors reach stderr.
     static std::once_flag quietLibrary;
@@ -38,7 +39,8 @@ ADTSAACEncoder::ADTSAACEncoder() {
     context->profile = FF_PROFILE_AAC_LOW;
     context->time_base = AVRational{1, sampleRate};
     av_channel_layout_default(&context->ch_layout, 1);
-    if (avcodec_open2(context, codec, nullptr) < 0 || context->frame_size != framesPerPacket) {
+    if (av_opt_set(context->priv_data, "aac_coder", coder == Coder::fast ? "fast" : "twoloop", 0) < 0 ||
+        avcodec_open2(context, codec, nullptr) < 0 || context->frame_size != framesPerPacket) {
         avcodec_free_context(&context);
         return;
     }
@@ -69,7 +71,7 @@ ADTSAACEncoder::~ADTSAACEncoder() {
 }
 
 void ADTSAACEncoder::encode(const float* samples, std::size_t frameCount) {
-    if (context_ == nullptr || samples == nullptr) {
+    if (context_ == nullptr || samples == nullptr || flushed_) {
         return;
     }
     output_.clear();
@@ -84,6 +86,30 @@ void ADTSAACEncoder::encode(const float* samples, std::size_t frameCount) {
         if (filled_ == framesPerPacket) {
             encodeFullFrame();
         }
+    }
+    if (!output_.empty() && onEncodedData_) {
+        onEncodedData_(output_);
+    }
+}
+
+void ADTSAACEncoder::flush() {
+    if (context_ == nullptr || flushed_) {
+        return;
+    }
+    flushed_ = true;
+    output_.clear();
+    // The encoder takes a short last frame: the recording ends where its audio ends, not a frame later.
+    if (filled_ > 0 && av_frame_make_writable(frame_) >= 0) {
+        frame_->nb_samples = filled_;
+        frame_->pts = nextPts_;
+        nextPts_ += filled_;
+        if (avcodec_send_frame(context_, frame_) == 0) {
+            drainPackets();
+        }
+    }
+    filled_ = 0;
+    if (avcodec_send_frame(context_, nullptr) == 0) {
+        drainPackets();
     }
     if (!output_.empty() && onEncodedData_) {
         onEncodedData_(output_);

@@ -38,8 +38,12 @@ void AggregateCaptureEngine::setHandlers(MonoBufferHandler onSystemBuffer, MonoB
     onInterruptionStateChanged_ = std::move(onInterruptionStateChanged);
 }
 
+long long AggregateCaptureEngine::droppedCycles() const {
+    return droppedCycles_.load();
+}
+
 AggregateCaptureEngine::Counters AggregateCaptureEngine::counters() const {
-    return {callbackCount_.load(), rawCallbackCount_.load(), isRunning_.load()};
+    return {callbackCount_.load(), rawCallbackCount_.load(), isRunning_.load(), droppedCycles_.load()};
 }
 
 double AggregateCaptureEngine::secondsSince(const std::atomic<long long>& stamp) const {
@@ -53,7 +57,7 @@ void AggregateCaptureEngine::stamp(std::atomic<long long>& field) {
 // MARK: - Start and stop
 
 void AggregateCaptureEngine::start() {
-    control_.sync([this] {
+    control_->sync([this] {
         shouldBeRunning_ = true;
         hasGivenUp_ = false;
         rebuildAttempts_ = 0;
@@ -68,10 +72,10 @@ void AggregateCaptureEngine::stop() {
         rebuildDelay = std::exchange(rebuildDelay_, {});
         teardown();
     };
-    if (control_.isCurrent()) {
+    if (control_->isCurrent()) {
         body();
     } else {
-        control_.sync(body);
+        control_->sync(body);
     }
     for (Task* task : {&watchdog_, &diagnosticTimer_, &rebuildDelay}) {
         task->cancelAndJoin();
@@ -91,7 +95,7 @@ Task AggregateCaptureEngine::repeat(double first, double every, void (AggregateC
             if (!self) {
                 return;
             }
-            self->control_.post([weak, tick] {
+            self->control_->post([weak, tick] {
                 if (auto engine = weak.lock()) {
                     ((*engine).*tick)();
                 }
@@ -155,14 +159,14 @@ void AggregateCaptureEngine::buildAndStart() {
     }
     isRunning_ = true;
     std::weak_ptr<AggregateCaptureEngine> weak = weak_from_this();
-    device_->setDefaultDeviceListener([weak] {
-        if (auto self = weak.lock()) {
-            self->control_.post([weak] {
-                if (auto engine = weak.lock()) {
-                    engine->onDefaultDeviceChanged();
-                }
-            });
-        }
+    // The listener runs on the audio server's loop thread and must never hold the engine there: the last
+    // reference dropped on that thread would tear down the graph whose loop it is.
+    device_->setDefaultDeviceListener([weak, control = control_] {
+        control->post([weak] {
+            if (auto engine = weak.lock()) {
+                engine->onDefaultDeviceChanged();
+            }
+        });
     });
     log_("aggregate capture started");
 }
@@ -186,6 +190,7 @@ void AggregateCaptureEngine::allocateBuffers() {
 void AggregateCaptureEngine::teardown() {
     device_->setDefaultDeviceListener({});
     device_->teardown();
+    noteDroppedCycles();
     micMix_ = {};
     sysMix_ = {};
     micConverter_.reset();
@@ -289,14 +294,24 @@ void AggregateCaptureEngine::watchdogTick() {
     if (double(nanoseconds(clock_->now()) - startedAt_) / 1e9 <= startupGrace) {
         return;
     }
+    // Only missing cycles count as a dead graph: exact zeros are what a muted microphone and a quiet output
+    // deliver for as long as a meeting lasts.
     if (secondsSince(lastCallbackTime_) > stallThreshold) {
         rebuild("io stalled");
-    } else if (secondsSince(lastNonZeroTime_) > zeroBufferRebuildThreshold) {
-        rebuild("silent buffers");
+    }
+}
+
+void AggregateCaptureEngine::noteDroppedCycles() {
+    const auto dropped = static_cast<long long>(device_->droppedCycles());
+    const auto before = droppedCycles_.exchange(dropped);
+    if (dropped > before) {
+        log_("aggregate lost " + std::to_string(dropped - before) + " cycles (" + std::to_string(dropped) +
+             " in all): the capture worker fell behind");
     }
 }
 
 void AggregateCaptureEngine::diagnosticTick() {
+    noteDroppedCycles();
     char line[200];
     std::snprintf(line, sizeof line,
                   "aggregate alive: %lld callbacks (raw=%lld), rate=%dHz, quiet=%ds, sysPeak=%.4f",
@@ -329,7 +344,7 @@ void AggregateCaptureEngine::rebuild(const std::string& reason) {
         if (!self) {
             return;
         }
-        self->control_.post([weak] {
+        self->control_->post([weak] {
             auto engine = weak.lock();
             if (!engine) {
                 return;
@@ -349,7 +364,7 @@ void AggregateCaptureEngine::rebuild(const std::string& reason) {
 
 void AggregateCaptureEngine::markRecovered() {
     std::weak_ptr<AggregateCaptureEngine> weak = weak_from_this();
-    control_.post([weak] {
+    control_->post([weak] {
         auto self = weak.lock();
         if (!self) {
             return;

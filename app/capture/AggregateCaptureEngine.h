@@ -19,7 +19,7 @@ namespace kavelo {
 // clock. Each device cycle is split into a microphone and a system signal, each folded to mono by
 // averaging, brought to 48 kHz and handed over, system first.
 //
-// Around that sits a recovery machine: a watchdog that notices a stalled or exactly silent graph, rebuilds
+// Around that sits a recovery machine: a watchdog that notices a stalled graph (no cycles), rebuilds
 // with delays of 1, 2, 4, 8, 8 seconds and a limit of five, default-device changes that reset the limit,
 // and recovery at the first real sample.
 //
@@ -37,7 +37,6 @@ class AggregateCaptureEngine final : public AggregateCapture,
     static constexpr double targetSampleRate = 48000.0;
     static constexpr std::size_t maxFramesPerCallback = 8192;
     static constexpr int maxRebuildAttempts = 5;
-    static constexpr double zeroBufferRebuildThreshold = 12.0;
     static constexpr double stallThreshold = 6.0;
     static constexpr double startupGrace = 6.0;
 
@@ -54,6 +53,7 @@ class AggregateCaptureEngine final : public AggregateCapture,
     void startDiagnosticLogger() override;
     bool waitForFirstAudio(double timeoutSeconds) override;
     void stop() override;
+    [[nodiscard]] long long droppedCycles() const override;
 
     // One device cycle (the device's worker thread). Public for tests that feed cycles by hand.
     void handleIO(const IOBufferList& list);
@@ -62,6 +62,7 @@ class AggregateCaptureEngine final : public AggregateCapture,
         long long callbackCount = 0;
         long long rawCallbackCount = 0;
         bool isRunning = false;
+        long long droppedCycles = 0; // as of the last diagnostic tick or teardown
     };
     [[nodiscard]] Counters counters() const;
 
@@ -74,6 +75,7 @@ class AggregateCaptureEngine final : public AggregateCapture,
     void teardown();
     void watchdogTick();
     void diagnosticTick();
+    void noteDroppedCycles();
     void rebuild(const std::string& reason);
     void markRecovered();
     void markGivenUp(const std::string& reason);
@@ -86,7 +88,7 @@ class AggregateCaptureEngine final : public AggregateCapture,
     const std::shared_ptr<Clock> clock_;
     const std::optional<std::string> preferredMicrophone_;
     const Log log_;
-    SerialExecutor control_;
+    const std::shared_ptr<SerialExecutor> control_ = std::make_shared<SerialExecutor>();
 
     // Set before start, read by handleIO and the control queue.
     MonoBufferHandler onSystemBuffer_;
@@ -119,6 +121,7 @@ class AggregateCaptureEngine final : public AggregateCapture,
     std::atomic<bool> sawNonZeroSinceBuild_{false};
     std::atomic<float> maxSystemPeakSinceLog_{0};
     std::atomic<bool> isRunning_{false};
+    std::atomic<long long> droppedCycles_{0}; // written on the control queue
 };
 
 } // namespace kavelo

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -46,6 +47,9 @@ class AggregateDevice {
     virtual void teardown() = 0;
     // Called (on any thread) when the default input or output changes; an empty function removes it.
     virtual void setDefaultDeviceListener(std::function<void()> listener) = 0;
+    // Cycles the audio server produced that never reached the handler because the handler fell seconds
+    // behind, over every graph this device built. Control queue only.
+    [[nodiscard]] virtual std::uint64_t droppedCycles() const = 0;
 };
 
 } // namespace kavelo

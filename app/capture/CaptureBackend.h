@@ -25,6 +25,13 @@ using MonoBufferHandler = std::function<void(const float* samples, std::size_t f
 class MicrophoneCapture {
   public:
     virtual ~MicrophoneCapture() = default;
+    // Waits (bounded, and cut short by the calling task's cancellation) until the audio server has sent
+    // the stream's first samples: a stream that is ready is not yet one that records, and a server that
+    // still has to link or wake the device takes a good part of a second. True once samples came.
+    virtual bool waitForFirstSamples(double timeoutSeconds) {
+        (void)timeoutSeconds;
+        return true;
+    }
 };
 
 // A running system-audio stream (the fallback path), with the same destruction contract.
@@ -65,6 +72,8 @@ class AggregateCapture {
     virtual bool waitForFirstAudio(double timeoutSeconds) = 0;
     // Tears everything down; no handler runs after it has returned (unless called from a handler).
     virtual void stop() = 0;
+    // Cycles the audio server produced that were lost because the handlers fell seconds behind.
+    [[nodiscard]] virtual long long droppedCycles() const = 0;
 };
 
 // Opens captures. Implemented over PipeWire and the PulseAudio API by LinuxCaptureBackend.

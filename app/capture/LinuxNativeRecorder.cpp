@@ -41,22 +41,29 @@ LinuxNativeRecorder::LinuxNativeRecorder(Dependencies dependencies)
 
 LinuxNativeRecorder::~LinuxNativeRecorder() {
     Task health, restart;
+    {
+        std::lock_guard lock(mutex_);
+        health = std::exchange(healthTask_, {});
+        restart = std::exchange(restartTask_, {});
+    }
+    // The tasks first: a restart under way would otherwise start a capture after the ones below are gone.
+    health.cancelAndJoin();
+    restart.cancelAndJoin();
     std::shared_ptr<AggregateCapture> aggregate;
     std::unique_ptr<MicrophoneCapture> microphone;
     std::unique_ptr<SystemAudioCapture> system;
     {
         std::lock_guard lock(mutex_);
-        health = std::exchange(healthTask_, {});
-        restart = std::exchange(restartTask_, {});
         aggregate = std::exchange(aggregateEngine_, {});
         microphone = std::move(microphone_);
         system = std::move(systemAudio_);
     }
-    health.cancelAndJoin();
-    restart.cancelAndJoin();
+    // Every capture stops here, while all of this object still exists: their handlers point at it.
     if (aggregate) {
         aggregate->stop();
     }
+    microphone.reset();
+    system.reset();
 }
 
 // MARK: - Handlers
@@ -118,10 +125,13 @@ void LinuxNativeRecorder::start(const StartRecordingInput& input) {
         silentBufferCount_ = 0;
         consecutiveStaleChecks_ = 0;
         forceRestartCount_ = 0;
+        buffersDelivered_ = 0;
+        droppedCycles_ = 0;
         userPaused_ = false;
         stoppingOrRestarting_ = false;
     }
     startCapture(input);
+    awaitFirstMicrophoneSamples();
     bool aggregate;
     {
         std::lock_guard lock(mutex_);
@@ -135,6 +145,22 @@ void LinuxNativeRecorder::start(const StartRecordingInput& input) {
                   ", engine=" + (aggregate ? "aggregate-tap" : "dual") + ")");
 }
 
+// The recording's clock starts when start returns: returning before the microphone sends samples would
+// make every recording shorter than its time by however long the server took to link and wake the device.
+// The aggregate path waits for its first cycle itself.
+// Called by start and resume only: the capture they made stays theirs while they wait (the restart and
+// health tasks are not running yet).
+void LinuxNativeRecorder::awaitFirstMicrophoneSamples() {
+    MicrophoneCapture* microphone = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        microphone = microphone_.get();
+    }
+    if (microphone != nullptr && !microphone->waitForFirstSamples(firstAudioWaitSeconds)) {
+        logger_->warn("microphone sent nothing within 2.5s; recording goes on, the health check watches it");
+    }
+}
+
 bool LinuxNativeRecorder::audioTapDisabled() const {
     std::optional<std::string> value;
     if (environment_) {
@@ -146,6 +172,12 @@ bool LinuxNativeRecorder::audioTapDisabled() const {
 }
 
 void LinuxNativeRecorder::startCapture(const StartRecordingInput& input) {
+    {
+        // System audio left over from an earlier capture run (another meeting, or before a pause) must not
+        // be mixed into this one.
+        std::lock_guard lock(mutex_);
+        systemRing_.clear();
+    }
     bool tryAggregate = input.systemAudioMode == SystemAudioMode::system && !audioTapDisabled() &&
                         backend_->aggregatePathSupported();
     if (tryAggregate) {
@@ -162,15 +194,25 @@ void LinuxNativeRecorder::startCapture(const StartRecordingInput& input) {
     }
 }
 
+// Capture handlers and the encoder's output hold this recorder by plain pointer, never by a reference of
+// their own: a capture worker that held the last one would run the destructor, which stops that very
+// worker. The destructor stops every capture before anything of this object goes.
 std::shared_ptr<ADTSAACEncoder> LinuxNativeRecorder::makeEncoder() {
     auto encoder = std::make_shared<ADTSAACEncoder>();
-    std::weak_ptr<LinuxNativeRecorder> weak = weak_from_this();
-    encoder->setOnEncodedData([weak](const Bytes& data) {
-        if (auto self = weak.lock()) {
-            self->appendEncodedData(data);
-        }
-    });
+    encoder->setOnEncodedData([this](const Bytes& data) { appendEncodedData(data); });
     return encoder;
+}
+
+void LinuxNativeRecorder::retireEncoder() {
+    std::shared_ptr<ADTSAACEncoder> encoder;
+    {
+        std::lock_guard lock(mutex_);
+        encoder = std::exchange(encoder_, {});
+    }
+    // The capture that fed it has stopped: what the encoder still holds is the run's last audio.
+    if (encoder) {
+        encoder->flush();
+    }
 }
 
 bool LinuxNativeRecorder::startAggregateCapture(const std::string& microphoneId) {
@@ -185,31 +227,28 @@ bool LinuxNativeRecorder::startAggregateCapture(const std::string& microphoneId)
     if (!engine) {
         return false;
     }
-    std::weak_ptr<LinuxNativeRecorder> weak = weak_from_this();
     engine->setHandlers(
-        [weak](const float* samples, std::size_t frames) {
-            if (auto self = weak.lock()) {
-                self->handleAggregateSystemBuffer(samples, frames);
-            }
-        },
-        [weak](const float* samples, std::size_t frames) {
-            if (auto self = weak.lock()) {
-                self->handleMicBuffer(samples, frames);
-            }
-        },
+        [this](const float* samples, std::size_t frames) { handleAggregateSystemBuffer(samples, frames); },
+        [this](const float* samples, std::size_t frames) { handleMicBuffer(samples, frames); },
         [logger](bool interrupted) {
             // The health check is what catches a dead engine; this is only worth a line in the log.
             logger->warn(std::string("[tap] interruption state: ") + (interrupted ? "true" : "false"));
         });
+    std::shared_ptr<AggregateCapture> previous;
     {
         std::lock_guard lock(mutex_);
         encoder_ = encoder;
-        aggregateEngine_ = engine;
+        previous = std::exchange(aggregateEngine_, engine);
+    }
+    // Stopped outside the lock: its worker may be waiting for the lock in a handler.
+    if (previous) {
+        previous->stop();
     }
     try {
         engine->start();
     } catch (const std::exception& e) {
-        logger_->warn(std::string("[tap] start failed: ") + e.what() + " — audio-capture permissie?");
+        logger_->warn(std::string("[tap] start failed: ") + e.what() +
+                      " — runs PipeWire, and may we read the output? (pw-cli info 0)");
         engine->stop();
         std::lock_guard lock(mutex_);
         aggregateEngine_.reset();
@@ -235,9 +274,15 @@ void LinuxNativeRecorder::stopAggregateCapture() {
         std::lock_guard lock(mutex_);
         engine = std::exchange(aggregateEngine_, {});
     }
-    if (engine) {
-        engine->stop();
+    if (!engine) {
+        return;
     }
+    engine->stop();
+    {
+        std::lock_guard lock(mutex_);
+        droppedCycles_ += engine->droppedCycles();
+    }
+    retireEncoder();
 }
 
 void LinuxNativeRecorder::startEngineGraph(const std::string& microphoneId) {
@@ -247,13 +292,8 @@ void LinuxNativeRecorder::startEngineGraph(const std::string& microphoneId) {
         std::lock_guard lock(mutex_);
         encoder_ = encoder;
     }
-    std::weak_ptr<LinuxNativeRecorder> weak = weak_from_this();
-    auto microphone =
-        backend_->startMicrophone(microphoneId, [weak](const float* samples, std::size_t frames) {
-            if (auto self = weak.lock()) {
-                self->handleMicBuffer(samples, frames);
-            }
-        });
+    auto microphone = backend_->startMicrophone(
+        microphoneId, [this](const float* samples, std::size_t frames) { handleMicBuffer(samples, frames); });
     std::unique_ptr<MicrophoneCapture> previous;
     {
         std::lock_guard lock(mutex_);
@@ -269,16 +309,14 @@ void LinuxNativeRecorder::teardownEngine() {
     }
     // Destroyed here, with the lock released: its worker may be waiting for the lock in handleMicBuffer.
     microphone.reset();
+    retireEncoder();
 }
 
 void LinuxNativeRecorder::startSystemAudioCapture(SystemAudioMode mode,
                                                   const std::optional<std::string>& targetId) {
-    std::weak_ptr<LinuxNativeRecorder> weak = weak_from_this();
     auto result =
-        backend_->startSystemAudio(mode, targetId, [weak](const float* samples, std::size_t frames) {
-            if (auto self = weak.lock()) {
-                self->appendSystemSamples(samples, frames, rms(samples, frames));
-            }
+        backend_->startSystemAudio(mode, targetId, [this](const float* samples, std::size_t frames) {
+            appendSystemSamples(samples, frames, rms(samples, frames));
         });
     using Outcome = SystemAudioStartResult::Outcome;
     switch (result.outcome) {
@@ -293,7 +331,8 @@ void LinuxNativeRecorder::startSystemAudioCapture(SystemAudioMode mode,
         return;
     }
     case Outcome::unavailable: {
-        logger_->warn("system audio requested without screen-capture permission; continuing mic-only");
+        logger_->warn(
+            "the audio server refuses to let us read its output; continuing with the microphone only");
         auto change = stateChange(RecorderState::routeChanged, "system_audio_unavailable");
         change.friendlyName = onlyMicrophone;
         sendState(change);
@@ -332,11 +371,19 @@ double LinuxNativeRecorder::rms(const float* samples, std::size_t frames) {
     if (samples == nullptr || frames == 0) {
         return 0;
     }
-    double sum = 0;
-    for (std::size_t i = 0; i < frames; ++i) {
-        sum += double(samples[i]) * double(samples[i]);
+    // Four running sums instead of one: a single sum waits for its previous addition at every sample,
+    // and this runs over every buffer of both streams.
+    double sums[4] = {};
+    std::size_t i = 0;
+    for (; i + 4 <= frames; i += 4) {
+        for (std::size_t k = 0; k < 4; ++k) {
+            sums[k] += double(samples[i + k]) * double(samples[i + k]);
+        }
     }
-    return std::sqrt(sum / double(frames));
+    for (; i < frames; ++i) {
+        sums[0] += double(samples[i]) * double(samples[i]);
+    }
+    return std::sqrt(((sums[0] + sums[1]) + (sums[2] + sums[3])) / double(frames));
 }
 
 void LinuxNativeRecorder::handleMicBuffer(const float* samples, std::size_t frames) {
@@ -345,6 +392,7 @@ void LinuxNativeRecorder::handleMicBuffer(const float* samples, std::size_t fram
         if (userPaused_ || !recordingActive_) {
             return;
         }
+        ++buffersDelivered_;
     }
     const double level = rms(samples, frames);
     bool alarm = false;
@@ -406,10 +454,12 @@ void LinuxNativeRecorder::appendSystemSamples(const float* samples, std::size_t 
 void LinuxNativeRecorder::mixInSystemAudio(float* buffer, std::size_t frames) {
     std::lock_guard lock(mutex_);
     const std::size_t n = std::min(systemRing_.size(), frames);
-    for (std::size_t i = 0; i < n; ++i) {
-        buffer[i] = std::clamp(buffer[i] + systemRing_[i], -1.0f, 1.0f);
+    // Walked with an iterator: indexing a deque finds the block of every sample anew.
+    auto source = systemRing_.begin();
+    for (std::size_t i = 0; i < n; ++i, ++source) {
+        buffer[i] = std::clamp(buffer[i] + *source, -1.0f, 1.0f);
     }
-    systemRing_.erase(systemRing_.begin(), systemRing_.begin() + long(n));
+    systemRing_.erase(systemRing_.begin(), source);
 }
 
 std::vector<float> LinuxNativeRecorder::systemRingSnapshot() const {
@@ -461,25 +511,33 @@ void LinuxNativeRecorder::emitChunk(const Bytes& data, int sequence, bool isFina
     if (handler) {
         handler(AudioChunkEvent{sequence, static_cast<long long>(data.size()), isFinal, 48000.0, 1});
     }
-    // A chunk is the proof of life of the whole pipeline.
-    std::lock_guard lock(mutex_);
-    consecutiveStaleChecks_ = 0;
-    forceRestartCount_ = 0;
 }
 
 // MARK: - Stop, pause, resume
 
-int LinuxNativeRecorder::stop() {
+bool LinuxNativeRecorder::cancelPendingRestart() {
     Task restart;
     {
         std::lock_guard lock(mutex_);
-        stoppingOrRestarting_ = true;
         restart = std::exchange(restartTask_, {});
     }
-    sendState(stateChange(RecorderState::stopping));
-    // A forced restart still waiting to bring capture back must not do so after the stop.
+    // A forced restart still waiting to bring capture back must not do so after a stop, a pause or a
+    // switch has decided what runs.
     restart.cancelAndJoin();
+    std::lock_guard lock(mutex_);
+    return std::exchange(stoppingOrRestarting_, false);
+}
+
+int LinuxNativeRecorder::stop() {
+    // The health check first: a tick under way may still order a restart, which the next line cancels.
     stopHealthCheck();
+    cancelPendingRestart();
+    {
+        std::lock_guard lock(mutex_);
+        stoppingOrRestarting_ = true;
+    }
+    sendState(stateChange(RecorderState::stopping));
+    // The capture delivers what it still buffers and the encoder its tail before the last chunk is cut.
     tearDownCapture();
     Bytes last;
     int lastSequence;
@@ -503,24 +561,31 @@ int LinuxNativeRecorder::stop() {
 }
 
 void LinuxNativeRecorder::pause() {
-    Bytes taken;
-    int sequence = 0;
     {
         std::lock_guard lock(mutex_);
         if (!recordingActive_ || userPaused_) {
             throw RecorderError::notRecording();
         }
+    }
+    stopHealthCheck();
+    cancelPendingRestart();
+    // Everything captured up to the pause still goes into this chunk: the capture is drained and the
+    // encoder flushed before the cut, and only then are buffers refused.
+    tearDownCapture();
+    Bytes taken;
+    int sequence = 0;
+    {
+        std::lock_guard lock(mutex_);
+        userPaused_ = true;
+        stoppingOrRestarting_ = false;
         if (!chunkBuffer_.empty()) {
             sequence = ++sequence_;
             taken = std::exchange(chunkBuffer_, {});
         }
-        userPaused_ = true;
     }
     if (!taken.empty()) {
         emitChunk(taken, sequence, false);
     }
-    stopHealthCheck();
-    tearDownCapture();
     sendState(stateChange(RecorderState::paused, "user"));
 }
 
@@ -551,6 +616,7 @@ void LinuxNativeRecorder::resume() {
         sendState(stateChange(RecorderState::resumeFailed));
         throw RecorderError::resumeFailed(lastError);
     }
+    awaitFirstMicrophoneSamples();
     {
         std::lock_guard lock(mutex_);
         userPaused_ = false;
@@ -566,6 +632,9 @@ std::string LinuxNativeRecorder::displayName(const std::string& deviceId) {
 }
 
 void LinuxNativeRecorder::switchMicrophone(const std::string& deviceId) {
+    // The switch decides what runs: a forced restart left waiting would start a second capture, and one
+    // cut short leaves nothing running, so the switch brings the whole capture back.
+    const bool captureDown = cancelPendingRestart();
     bool active, paused, aggregate;
     std::optional<StartRecordingInput> input;
     {
@@ -581,7 +650,10 @@ void LinuxNativeRecorder::switchMicrophone(const std::string& deviceId) {
     if (paused || !active) {
         return;
     }
-    if (!aggregate) {
+    if (captureDown && input) {
+        tearDownCapture();
+        startCapture(*input);
+    } else if (!aggregate) {
         teardownEngine();
         startEngineGraph(deviceId);
     } else {
@@ -611,6 +683,7 @@ void LinuxNativeRecorder::switchOutputDevice(const std::string& deviceId) {
 
 void LinuxNativeRecorder::switchSystemAudioSource(SystemAudioMode mode,
                                                   const std::optional<std::string>& targetId) {
+    const bool captureDown = cancelPendingRestart();
     bool active, aggregate;
     std::optional<StartRecordingInput> input;
     {
@@ -626,7 +699,7 @@ void LinuxNativeRecorder::switchSystemAudioSource(SystemAudioMode mode,
     if (!active) {
         return;
     }
-    if (!aggregate && mode != SystemAudioMode::system) {
+    if (!captureDown && !aggregate && mode != SystemAudioMode::system) {
         stopSystemAudioCapture();
         if (mode != SystemAudioMode::off) {
             startSystemAudioCapture(mode, targetId);
@@ -650,7 +723,7 @@ void LinuxNativeRecorder::startHealthCheck() {
     std::weak_ptr<LinuxNativeRecorder> weak = weak_from_this();
     auto clock = clock_;
     std::lock_guard lock(mutex_);
-    lastHealthSequence_ = sequence_;
+    lastHealthBuffers_ = buffersDelivered_;
     healthTask_ = Task::run([weak, clock] {
         for (;;) {
             waitQuietly(*clock, healthTickSeconds);
@@ -681,12 +754,15 @@ void LinuxNativeRecorder::healthCheckTick() {
     int restarts;
     {
         std::lock_guard lock(mutex_);
+        // Health is audio arriving, silent or not. Chunks are no measure: a quiet meeting encodes to a few
+        // hundred bytes a second and fills a chunk only every few minutes.
         if (recordingActive_ && !userPaused_ && !stoppingOrRestarting_) {
-            if (sequence_ == lastHealthSequence_) {
+            if (buffersDelivered_ == lastHealthBuffers_) {
                 ++consecutiveStaleChecks_;
             } else {
                 consecutiveStaleChecks_ = 0;
-                lastHealthSequence_ = sequence_;
+                forceRestartCount_ = 0;
+                lastHealthBuffers_ = buffersDelivered_;
             }
             stale = consecutiveStaleChecks_;
         }
@@ -766,18 +842,29 @@ void LinuxNativeRecorder::forceRestart(int count) {
 // MARK: - State and forwarding
 
 RecorderRuntimeState LinuxNativeRecorder::runtimeState() {
-    std::lock_guard lock(mutex_);
-    return RecorderRuntimeState{recordingActive_, userPaused_, stoppingOrRestarting_, sequence_,
-                                totalBytesEncoded_};
+    std::shared_ptr<AggregateCapture> engine;
+    RecorderRuntimeState state;
+    {
+        std::lock_guard lock(mutex_);
+        state = RecorderRuntimeState{recordingActive_, userPaused_,        stoppingOrRestarting_,
+                                     sequence_,        totalBytesEncoded_, droppedCycles_};
+        engine = aggregateEngine_;
+    }
+    if (engine) {
+        state.droppedCycles += engine->droppedCycles();
+    }
+    return state;
 }
 
 std::map<std::string, std::string> LinuxNativeRecorder::diagnosticsSnapshot() {
+    const auto state = runtimeState();
     std::lock_guard lock(mutex_);
     return {
         {"platform", "linux"},
         {"engine", aggregateEngine_ ? "PipeWireAggregate" : "PulseAudio"},
         {"lastSequence", std::to_string(sequence_)},
         {"bytesEncoded", std::to_string(totalBytesEncoded_)},
+        {"droppedCycles", std::to_string(state.droppedCycles)},
     };
 }
 

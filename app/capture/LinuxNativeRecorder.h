@@ -29,7 +29,8 @@ class ADTSAACEncoder;
 // microphone through systemRing_). All of this class is plain logic; tests drive it with fake captures.
 //
 // Threads: the caller's (start, stop, pause, resume, switches, which the coordinator calls one at a time);
-// the capture worker that delivers microphone buffers (and with them encoding, chunk cutting and uploads);
+// the capture worker that delivers microphone buffers (and with them encoding, chunk cutting and uploads,
+// which may be slow: the capture paths buffer seconds of audio in front of that worker);
 // the capture worker that delivers system samples; the health-check task; the restart task. mutex_ guards
 // every field and is never held across a handler, encoder, upload or capture call. Handlers may be called
 // on any of these threads.
@@ -110,10 +111,14 @@ class LinuxNativeRecorder final : public NativeRecorder,
     void stopAggregateCapture();
     void startEngineGraph(const std::string& microphoneId);
     void teardownEngine();
+    void awaitFirstMicrophoneSamples();
     void startSystemAudioCapture(SystemAudioMode mode, const std::optional<std::string>& targetId);
     void stopSystemAudioCapture();
     void tearDownCapture(); // stopAggregateCapture, stopSystemAudioCapture, teardownEngine
     std::shared_ptr<ADTSAACEncoder> makeEncoder();
+    void retireEncoder(); // flushes and drops the encoder; its capture must have stopped
+    // Cancels a forced restart that has not brought capture back yet; true when capture is down for it.
+    bool cancelPendingRestart();
 
     void startHealthCheck();
     void stopHealthCheck();
@@ -151,7 +156,9 @@ class LinuxNativeRecorder final : public NativeRecorder,
     double micLevel_ = 0;                               // guarded by mutex_
     Task healthTask_;                                   // guarded by mutex_
     Task restartTask_;                                  // guarded by mutex_
-    int lastHealthSequence_ = 0;                        // guarded by mutex_
+    long long buffersDelivered_ = 0;                    // guarded by mutex_; microphone buffers taken
+    long long lastHealthBuffers_ = 0;                   // guarded by mutex_
+    long long droppedCycles_ = 0;                       // guarded by mutex_; of stopped captures
     int consecutiveStaleChecks_ = 0;                    // guarded by mutex_
     int forceRestartCount_ = 0;                         // guarded by mutex_
     int silentBufferCount_ = 0;                         // guarded by mutex_

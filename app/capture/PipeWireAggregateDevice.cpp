@@ -1,5 +1,7 @@
 #include "app/capture/PipeWireAggregateDevice.h"
 
+#include "app/capture/CycleRing.h"
+
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/filter.h>
 #include <pipewire/pipewire.h>
@@ -52,13 +54,11 @@ struct PortInfo {
     std::string name;
 };
 
-// One cycle's samples, one run of `frames` floats per port.
-struct Slot {
-    std::uint32_t frames = 0;
-    std::uint32_t rate = 0;
-    std::vector<std::uint8_t> present;
-    std::vector<float> samples;
-};
+// Seconds of audio the ring between the real-time thread and the worker holds: the worker encodes and
+// writes chunks, and a disk that stalls for a second or two must not cost a single cycle.
+constexpr std::size_t ringSeconds = 4;
+constexpr std::size_t ringMaxCycles = 8192;
+constexpr std::uint32_t maxFramesPerCycle = 8192;
 
 } // namespace
 
@@ -84,10 +84,11 @@ struct PipeWireAggregateDevice::Graph {
     bool built = false; // defaults reported as changes only after the build
     PipeWireAggregateDevice* owner = nullptr;
 
-    // The ring between the real-time thread and the worker.
-    std::vector<Slot> slots;
-    std::atomic<std::uint64_t> written{0}, read{0};
-    std::atomic<bool> stopping{false};
+    // The ring between the real-time thread and the worker; made before the filter connects.
+    std::unique_ptr<CycleRing> ring;
+    std::atomic<bool> accepting{false}; // the real-time thread may write cycles
+    std::atomic<bool> stopping{false};  // the worker delivers what is left and ends
+    std::atomic<bool> abandoned{false}; // the worker ends at once, its handler's owner may be gone
     std::counting_semaphore<1 << 20> ready{0};
 
     ~Graph() {
@@ -245,27 +246,23 @@ const pw_registry_events registryEvents = [] {
 // The real-time thread: copy, publish, wake. No locks, no allocation, no logging.
 void onProcess(void* data, spa_io_position* position) {
     auto* g = static_cast<Graph*>(data);
-    if (position == nullptr || g->slots.empty()) {
+    if (position == nullptr || !g->accepting.load(std::memory_order_acquire)) {
         return;
     }
-    const auto w = g->written.load(std::memory_order_relaxed);
-    if (w - g->read.load(std::memory_order_acquire) >= g->slots.size()) {
-        return; // the worker fell behind: this cycle is lost, the watchdog sees the gap
+    const auto frames = std::min(static_cast<std::uint32_t>(position->clock.duration), maxFramesPerCycle);
+    float* target = g->ring->reserve(frames);
+    if (target == nullptr) {
+        return; // the worker is seconds behind: the ring counted the lost cycle
     }
-    auto& slot = g->slots[w % g->slots.size()];
-    const std::uint32_t frames = std::min<std::uint32_t>(
-        static_cast<std::uint32_t>(position->clock.duration),
-        static_cast<std::uint32_t>(slot.samples.size() / std::max<std::size_t>(g->ports.size(), 1)));
-    slot.frames = frames;
-    slot.rate = position->clock.rate.denom;
+    std::uint64_t present = 0;
     for (std::size_t i = 0; i < g->ports.size(); ++i) {
         auto* in = static_cast<const float*>(pw_filter_get_dsp_buffer(g->ports[i], frames));
-        slot.present[i] = in != nullptr;
         if (in != nullptr) {
-            std::memcpy(slot.samples.data() + i * frames, in, frames * sizeof(float));
+            std::memcpy(target + i * frames, in, frames * sizeof(float));
+            present |= std::uint64_t{1} << i;
         }
     }
-    g->written.store(w + 1, std::memory_order_release);
+    g->ring->commit(frames, position->clock.rate.denom, present);
     g->ready.release();
 }
 
@@ -376,7 +373,8 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
         mic = nodeNamed(*g, g->defaultSource, "Audio/Source");
     }
     if (!mic) {
-        throw std::runtime_error("defaultInputDevice: no default input");
+        throw std::runtime_error(
+            "PipeWire has no default input: choose a microphone in the sound settings or pavucontrol");
     }
     auto micPorts = portsOf(*g, *mic, false);
     if (micPorts.empty()) {
@@ -390,17 +388,21 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
 
     // The graph is asked for 48 kHz and kept there while we record: our ports take the graph's own
     // rate, and a switch to another rate in the middle of a meeting (a player that wants 44.1 kHz) would
-    // cost cycles until the next rebuild.
+    // cost cycles until the next rebuild. We ask for 100 ms cycles: a recorder needs no lower latency, and
+    // the graph (up to its largest quantum, or what another client asks) then wakes us far less often.
     auto* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
                                     PW_KEY_MEDIA_ROLE, "Production", PW_KEY_NODE_NAME, "kavely.capture",
                                     PW_KEY_NODE_DESCRIPTION, "Kavely Capture", PW_KEY_NODE_RATE, "1/48000",
-                                    PW_KEY_NODE_LOCK_RATE, "true", nullptr);
+                                    PW_KEY_NODE_LOCK_RATE, "true", PW_KEY_NODE_LATENCY, "4800/48000", nullptr);
     g->filter = pw_filter_new(g->core, "kavely.capture", props);
     if (g->filter == nullptr) {
         throw std::runtime_error("pw_filter_new failed");
     }
     pw_filter_add_listener(g->filter, &g->filterListener, &filterEvents, g.get());
     const std::size_t total = micPorts.size() + sysPorts.size();
+    if (total > CycleRing::maxChannels) {
+        throw std::runtime_error("too many channels: " + std::to_string(total));
+    }
     for (std::size_t i = 0; i < total; ++i) {
         std::string name = portName(i, micPorts.size());
         auto* portProps = pw_properties_new(PW_KEY_FORMAT_DSP, "32 bit float mono audio", PW_KEY_PORT_NAME,
@@ -412,12 +414,8 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
         }
         g->ports.push_back(port);
     }
-    // The ring is sized before the real-time thread can see it.
-    g->slots.resize(16);
-    for (auto& slot : g->slots) {
-        slot.present.assign(total, 0);
-        slot.samples.assign(total * 8192, 0.0f);
-    }
+    // The ring is made before the real-time thread can see it.
+    g->ring = std::make_unique<CycleRing>(total, ringSeconds * 48000, ringMaxCycles);
     if (pw_filter_connect(g->filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) {
         throw std::runtime_error("pw_filter_connect failed");
     }
@@ -480,48 +478,59 @@ AggregateDeviceInfo PipeWireAggregateDevice::build(const std::optional<std::stri
 
 void PipeWireAggregateDevice::startIO(IOHandler handler) {
     if (!graph_) {
-        throw std::runtime_error("AudioDeviceStart: no graph");
+        throw std::runtime_error("PipeWire capture: no graph to start");
     }
     stopWorker();
     graph_->stopping = false;
-    worker_ = std::thread([g = graph_.get(), handler = std::move(handler)] {
+    // The worker shares the graph: should a handler tear this device down from the worker itself, the
+    // ring it is reading stays alive until the worker has left it.
+    worker_ = std::thread([g = graph_, handler = std::move(handler)] {
         IOBufferList list;
         list.buffers.resize(g->ports.size());
+        CycleRing::Cycle cycle;
         for (;;) {
             g->ready.acquire();
+            // What the real-time thread published before a stop is still delivered: it is the tail of the
+            // recording.
+            while (g->ring->peek(cycle)) {
+                // A cycle at another rate than the graph was built for would play at the wrong pitch: it
+                // is dropped, and the watchdog's stall rebuilds the graph.
+                if (cycle.rate == 48000) {
+                    for (std::size_t i = 0; i < list.buffers.size(); ++i) {
+                        list.buffers[i] = {1, cycle.has(i) ? cycle.samples + i * cycle.frames : nullptr,
+                                           cycle.frames * sizeof(float)};
+                    }
+                    handler(list);
+                }
+                g->ring->release();
+                if (g->abandoned.load()) {
+                    return; // torn down from inside the handler: its owner may be gone
+                }
+            }
             if (g->stopping.load()) {
                 return;
             }
-            auto r = g->read.load(std::memory_order_relaxed);
-            if (r == g->written.load(std::memory_order_acquire)) {
-                continue;
-            }
-            const auto& slot = g->slots[r % g->slots.size()];
-            // A cycle at another rate than the graph was built for would play at the wrong pitch: it is
-            // dropped, and the watchdog's stall rebuilds the graph.
-            if (slot.rate == 48000) {
-                for (std::size_t i = 0; i < list.buffers.size(); ++i) {
-                    list.buffers[i] = {1, slot.present[i] ? slot.samples.data() + i * slot.frames : nullptr,
-                                       slot.frames * sizeof(float)};
-                }
-                handler(list);
-            }
-            g->read.store(r + 1, std::memory_order_release);
         }
     });
+    graph_->accepting = true;
 }
 
 void PipeWireAggregateDevice::stopWorker() {
+    if (!graph_) {
+        return;
+    }
+    graph_->accepting = false;
     if (!worker_.joinable()) {
+        return;
+    }
+    if (worker_.get_id() == std::this_thread::get_id()) {
+        graph_->abandoned = true;
+        worker_.detach();
         return;
     }
     graph_->stopping = true;
     graph_->ready.release();
-    if (worker_.get_id() == std::this_thread::get_id()) {
-        worker_.detach();
-    } else {
-        worker_.join();
-    }
+    worker_.join();
 }
 
 void PipeWireAggregateDevice::teardown() {
@@ -529,7 +538,19 @@ void PipeWireAggregateDevice::teardown() {
         return;
     }
     stopWorker();
-    graph_.reset(); // stops the loop thread first, then destroys links, filter and connection
+    droppedBefore_ += graph_->ring ? graph_->ring->droppedCycles() : 0;
+    {
+        // The loop thread may outlive this device (a worker that tore it down holds the graph): it must not
+        // report to us any more.
+        pw_thread_loop_lock(graph_->loop);
+        graph_->owner = nullptr;
+        pw_thread_loop_unlock(graph_->loop);
+    }
+    graph_.reset(); // the last holder stops the loop thread first, then destroys links, filter and connection
+}
+
+std::uint64_t PipeWireAggregateDevice::droppedCycles() const {
+    return droppedBefore_ + (graph_ && graph_->ring ? graph_->ring->droppedCycles() : 0);
 }
 
 void PipeWireAggregateDevice::setDefaultDeviceListener(std::function<void()> listener) {

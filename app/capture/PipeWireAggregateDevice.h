@@ -16,8 +16,9 @@ namespace kavelo {
 // from one driver, so every cycle brings microphone and system samples of the same instant.
 //
 // The filter's process callback runs on PipeWire's real-time thread and only copies the ports' samples
-// into a preallocated single-producer/single-consumer ring of cycle slots and wakes the worker; the worker
-// thread hands each cycle to the engine. Nothing on the real-time thread locks, allocates or logs.
+// into a preallocated ring of a few seconds (CycleRing) and wakes the worker; the worker thread hands each
+// cycle to the engine, whose encoding and chunk writing may take their time there. Nothing on the
+// real-time thread locks, allocates or logs.
 //
 // The default input and output come from PipeWire's "default" metadata; a change of either is reported
 // to the listener. Our own node is named "kavely.capture" and is never offered as a device.
@@ -35,6 +36,7 @@ class PipeWireAggregateDevice final : public AggregateDevice {
     void startIO(IOHandler handler) override;
     void teardown() override;
     void setDefaultDeviceListener(std::function<void()> listener) override;
+    [[nodiscard]] std::uint64_t droppedCycles() const override;
 
     struct Graph; // PipeWire objects and the registry as seen; defined in the source file
 
@@ -42,8 +44,9 @@ class PipeWireAggregateDevice final : public AggregateDevice {
     void work();
     void stopWorker();
 
-    std::unique_ptr<Graph> graph_; // control queue only (build/startIO/teardown)
-    std::thread worker_;           // control queue only
+    std::shared_ptr<Graph> graph_;    // control queue only (build/startIO/teardown); shared with the worker
+    std::thread worker_;              // control queue only
+    std::uint64_t droppedBefore_ = 0; // control queue only: cycles lost in graphs torn down
 
     std::mutex mutex_;
     std::function<void()> listener_; // guarded by mutex_

@@ -1,9 +1,12 @@
 #include "app/capture/PulseCaptureStream.h"
 
 #include "app/capture/PulseConnection.h"
+#include "core/support/CancellationToken.h"
 
 #include <pulse/pulseaudio.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 
@@ -35,8 +38,9 @@ void PulseCaptureStream::onRead(pa_stream* stream, std::size_t, void* userdata) 
             if (pending.size() > maxQueuedFrames) {
                 pending.erase(pending.begin(), pending.begin() + long(pending.size() - maxQueuedFrames));
             }
+            self->shared_->received = true;
         }
-        self->shared_->changed.notify_one();
+        self->shared_->changed.notify_all(); // the worker, and a start waiting for the first samples
         pa_stream_drop(stream);
     }
 }
@@ -85,13 +89,14 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
         }
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<std::uint32_t>(-1);
-        attr.fragsize = static_cast<std::uint32_t>(framesPerBuffer * sizeof(float));
+        attr.fragsize = static_cast<std::uint32_t>(framesPerFragment * sizeof(float));
         auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY |
                                                     (target.allowMoves ? 0 : PA_STREAM_DONT_MOVE));
         if (pa_stream_connect_record(self->stream_, target.source.c_str(), &attr, flags) < 0) {
             failure = "pa_stream_connect_record: " +
                       std::string(pa_strerror(pa_context_errno(self->connection_->context())));
         } else {
+            const auto since = std::chrono::steady_clock::now();
             for (;;) {
                 auto state = pa_stream_get_state(self->stream_);
                 if (state == PA_STREAM_READY) {
@@ -102,7 +107,10 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
                               std::string(pa_strerror(pa_context_errno(self->connection_->context())));
                     break;
                 }
-                self->connection_->wait();
+                if (!self->connection_->wait(since)) {
+                    failure = "the audio server did not start the stream in time";
+                    break;
+                }
             }
         }
         // A stream that lands elsewhere than asked (say the microphone where a monitor was meant) is a
@@ -121,6 +129,20 @@ std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::unique_ptr<Pul
     }
     self->worker_ = std::thread([shared = self->shared_] { work(shared); });
     return self;
+}
+
+bool PulseCaptureStream::waitForFirstSamples(double timeoutSeconds) {
+    const auto token = CancellationToken::current();
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(timeoutSeconds));
+    std::unique_lock lock(shared_->mutex);
+    // Woken by the samples themselves; the tenth-of-a-second steps only look at the task's cancellation.
+    while (!shared_->received && !token->isCancelled() && std::chrono::steady_clock::now() < deadline) {
+        shared_->changed.wait_until(
+            lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
+    }
+    return shared_->received;
 }
 
 void PulseCaptureStream::closeStream() {

@@ -18,7 +18,8 @@ namespace kavelo {
 class PulseConnection;
 
 // One record stream of the fallback path, 48 kHz mono float (the server converts from the device's own
-// format), delivered to its handler in buffers of 1024 frames on a worker thread of its own.
+// format), fetched from the server in fragments of 100 ms and delivered to its handler in buffers of 1024
+// frames on a worker thread of its own.
 //
 // The server's callback only appends to a bounded queue; the worker takes whole buffers from it and calls
 // the handler without any libpulse lock held, so the handler may take its own locks and even destroy this
@@ -27,6 +28,9 @@ class PulseConnection;
 class PulseCaptureStream final : public MicrophoneCapture, public SystemAudioCapture {
   public:
     static constexpr std::size_t framesPerBuffer = 1024;
+    // What the server collects before it wakes us: 100 ms. A meeting recorder needs no lower latency, and
+    // each wake-up of the server, the client library and our worker costs more than the samples it brings.
+    static constexpr std::size_t framesPerFragment = 4800;
     static constexpr std::size_t maxQueuedFrames = 4 * 48000; // a worker that falls behind loses the oldest
 
     struct Target {
@@ -41,6 +45,7 @@ class PulseCaptureStream final : public MicrophoneCapture, public SystemAudioCap
     static std::unique_ptr<PulseCaptureStream> open(std::unique_ptr<PulseConnection> connection,
                                                     const Target& target, MonoBufferHandler handler);
     ~PulseCaptureStream() override;
+    bool waitForFirstSamples(double timeoutSeconds) override;
 
   private:
     // What the worker thread shares with this object; it outlives the object when the handler destroys it.
@@ -49,6 +54,7 @@ class PulseCaptureStream final : public MicrophoneCapture, public SystemAudioCap
         std::condition_variable changed;
         std::vector<float> pending; // guarded by mutex
         bool closing = false;       // guarded by mutex
+        bool received = false;      // guarded by mutex: the server has sent samples
         MonoBufferHandler handler;  // fixed before the worker starts
     };
 

@@ -1,12 +1,36 @@
 #include "app/capture/PulseConnection.h"
 
+#include "core/support/CancellationToken.h"
+
 #include <pulse/pulseaudio.h>
+#include <pulse/rtclock.h>
 
 namespace kavelo {
 
 namespace {
 void onContextState(pa_context*, void* userdata) {
     pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(userdata), 0);
+}
+
+void onWakeUp(pa_mainloop_api*, pa_time_event*, const timeval*, void* userdata) {
+    pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(userdata), 0);
+}
+
+// With the loop lock held: one wait for a signal, cut short after a tenth of a second by a timer of the
+// loop itself (libpulse's threaded loop has no timed wait).
+void waitBriefly(pa_threaded_mainloop* loop, pa_context* context) {
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop);
+    pa_time_event* timer =
+        pa_context_rttime_new(context, pa_rtclock_now() + 100 * PA_USEC_PER_MSEC, onWakeUp, loop);
+    pa_threaded_mainloop_wait(loop);
+    if (timer != nullptr) {
+        api->time_free(timer);
+    }
+}
+
+bool withinLimit(std::chrono::steady_clock::time_point since) {
+    const auto limit = std::chrono::duration<double>(PulseConnection::waitLimitSeconds);
+    return std::chrono::steady_clock::now() - since < limit && !CancellationToken::current()->isCancelled();
 }
 } // namespace
 
@@ -33,7 +57,8 @@ std::unique_ptr<PulseConnection> PulseConnection::connect(const std::string& cli
     {
         Lock lock(*connection);
         if (pa_context_connect(connection->context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
-            for (;;) {
+            const auto since = std::chrono::steady_clock::now();
+            while (withinLimit(since)) {
                 auto state = pa_context_get_state(connection->context_);
                 if (state == PA_CONTEXT_READY) {
                     ready = true;
@@ -42,7 +67,7 @@ std::unique_ptr<PulseConnection> PulseConnection::connect(const std::string& cli
                 if (!PA_CONTEXT_IS_GOOD(state)) {
                     break;
                 }
-                pa_threaded_mainloop_wait(connection->loop_);
+                waitBriefly(connection->loop_, connection->context_);
             }
         }
         if (!ready && error != nullptr) {
@@ -88,20 +113,24 @@ bool PulseConnection::await(pa_operation* op) {
     if (op == nullptr) {
         return false;
     }
+    const auto since = std::chrono::steady_clock::now();
     while (pa_operation_get_state(op) == PA_OPERATION_RUNNING) {
-        if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context_))) {
+        if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context_)) || !wait(since)) {
             pa_operation_cancel(op);
             break;
         }
-        pa_threaded_mainloop_wait(loop_);
     }
     bool done = pa_operation_get_state(op) == PA_OPERATION_DONE;
     pa_operation_unref(op);
     return done;
 }
 
-void PulseConnection::wait() {
-    pa_threaded_mainloop_wait(loop_);
+bool PulseConnection::wait(std::chrono::steady_clock::time_point since) {
+    if (!withinLimit(since)) {
+        return false;
+    }
+    waitBriefly(loop_, context_);
+    return true;
 }
 void PulseConnection::signal() {
     pa_threaded_mainloop_signal(loop_, 0);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -39,12 +40,18 @@ class PulseConnection {
     [[nodiscard]] pa_threaded_mainloop* mainloop() const { return loop_; }
     [[nodiscard]] bool isLoopThread() const;
 
+    // Every wait below ends after waitLimit, or as soon as the calling task is cancelled: a server that
+    // stops answering in the middle of a request must not hang a start, a stop or a device listing.
+    static constexpr double waitLimitSeconds = 5.0;
+
     // With the lock held: waits until the operation is done and releases it. The operation's callback must
-    // call signal(), or the wait never ends.
-    // False when op is null or the connection broke meanwhile.
+    // call signal().
+    // False when op is null, the connection broke, the server did not answer in time or the task was
+    // cancelled.
     bool await(pa_operation* op);
-    // With the lock held: blocks until signalled from a callback (see signal()).
-    void wait();
+    // With the lock held: blocks until signalled from a callback (see signal()), or at most a tenth of a
+    // second. Returns false once the wait begun at `since` has passed waitLimit or the task is cancelled.
+    bool wait(std::chrono::steady_clock::time_point since);
     // From a callback on the loop thread: wakes wait() and await().
     void signal();
 

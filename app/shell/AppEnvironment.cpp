@@ -80,7 +80,7 @@ AppEnvironment::AppEnvironment(Mode mode, Options options)
 AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
     : mode(mode), config(EnvironmentSettings::makeConfig(
                       mode, info, EnvironmentSettings::dataDirectory(mode, options.env))),
-      usesMockServices(EnvironmentSettings::usesMockServices(mode, config)) {
+      usesMockServices(mode == Mode::mock) {
     const LogSink sink = options.logSink ? options.logSink : stderrSink();
 
     // 1. The logger and the small shared services.

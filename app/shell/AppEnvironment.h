@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/shell/AppEnvironmentMode.h"
+#include "app/shell/EnvironmentError.h"
 #include "app/shell/InfoDictionary.h"
 #include "core/accounts/AuthService.h"
 #include "core/accounts/OAuthPrepareCache.h"
@@ -56,6 +57,8 @@ class AppEnvironment {
         std::function<std::shared_ptr<UploadWorker>(std::shared_ptr<UploadWorker>)> decorateUploader;
     };
 
+    // Both throw EnvironmentError, before any service exists, when the info file is broken or the live
+    // world has no backend to talk to; the mock world is only ever chosen by name.
     static Mode detectMode(const Options& options);
     AppEnvironment(Mode mode, Options options);
     ~AppEnvironment();

@@ -1,5 +1,7 @@
 #include "app/shell/EnvironmentSettings.h"
 
+#include "app/shell/EnvironmentError.h"
+
 #include <curl/curl.h>
 
 #include <memory>
@@ -39,19 +41,31 @@ std::optional<std::string> EnvironmentSettings::normalizedBackendUrl(const std::
 }
 
 AppEnvironmentMode EnvironmentSettings::detectMode(const InfoDictionary& info, const EnvironmentReader& env) {
-    if (const auto forced = env("KAVELO_BACKEND")) {
-        if (*forced == "live") {
-            return AppEnvironmentMode::live;
-        }
+    if (const auto forced = env("KAVELO_BACKEND"); forced && !forced->empty()) {
         if (*forced == "mock") {
             return AppEnvironmentMode::mock;
         }
+        if (*forced != "live") {
+            throw EnvironmentError(EnvironmentError::Kind::unknownBackendChoice, *forced);
+        }
     }
-    const auto url = info.value("SUPABASE_URL");
-    if (!url || !normalizedBackendUrl(*url)) {
-        return AppEnvironmentMode::mock;
+    // The live world, chosen or by default: without a usable backend it refuses to run rather than
+    // stand in the mock world, which nobody asked for.
+    (void)liveBackend(info);
+    return AppEnvironmentMode::live;
+}
+
+std::pair<std::string, std::string> EnvironmentSettings::liveBackend(const InfoDictionary& info) {
+    const auto rawUrl = info.value("SUPABASE_URL");
+    const auto anonKey = info.value("SUPABASE_ANON_KEY");
+    if (!rawUrl || !anonKey) {
+        throw EnvironmentError(EnvironmentError::Kind::noBackendAddress, info.source());
     }
-    return info.value("SUPABASE_ANON_KEY") ? AppEnvironmentMode::live : AppEnvironmentMode::mock;
+    const auto url = normalizedBackendUrl(*rawUrl);
+    if (!url) {
+        throw EnvironmentError(EnvironmentError::Kind::badBackendAddress, *rawUrl, "in " + info.source());
+    }
+    return {*url, *anonKey};
 }
 
 std::filesystem::path EnvironmentSettings::dataDirectory(AppEnvironmentMode mode,
@@ -82,12 +96,10 @@ AppConfig EnvironmentSettings::makeConfig(AppEnvironmentMode mode, const InfoDic
     config.buildNumber = info.value("CFBundleVersion").value_or("1");
     config.applicationSupportDirectory = dataDirectory;
 
-    const auto rawUrl = info.value("SUPABASE_URL");
-    const auto url = rawUrl ? normalizedBackendUrl(*rawUrl) : std::nullopt;
-    const auto anonKey = info.value("SUPABASE_ANON_KEY");
-    if (mode == AppEnvironmentMode::live && url && anonKey) {
-        config.supabaseUrl = *url;
-        config.anonKey = *anonKey;
+    if (mode == AppEnvironmentMode::live) {
+        auto [url, anonKey] = liveBackend(info);
+        config.supabaseUrl = std::move(url);
+        config.anonKey = std::move(anonKey);
         config.oauthClientType = info.value("KAVELO_OAUTH_CLIENT_TYPE").value_or("ios");
         config.oauthCallbackScheme = info.value("KAVELO_OAUTH_CALLBACK_SCHEME").value_or("kavely");
     } else {
@@ -95,14 +107,6 @@ AppConfig EnvironmentSettings::makeConfig(AppEnvironmentMode mode, const InfoDic
         config.anonKey = kMockAnonKey;
     }
     return config;
-}
-
-bool EnvironmentSettings::usesMockServices(AppEnvironmentMode mode, const AppConfig& config) {
-    if (mode == AppEnvironmentMode::mock) {
-        return true;
-    }
-    const auto host = hostOf(config.supabaseUrl);
-    return !host || host->find("mock") != std::string::npos;
 }
 
 std::string EnvironmentSettings::sessionServiceName(AppEnvironmentMode mode) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace kavelo {
 
@@ -18,7 +19,13 @@ class EnvironmentSettings {
     static constexpr const char* kMockSupabaseUrl = "https://kavely-mock.invalid";
     static constexpr const char* kMockAnonKey = "mock-anon-key"; // 13 characters, never a real key
 
+    // KAVELO_BACKEND "mock" gives the mock world; "live", or nothing, the live world, which needs a
+    // backend address and key. Throws EnvironmentError for any other KAVELO_BACKEND and for a live world
+    // without a usable backend: mock is only ever chosen by name.
     static AppEnvironmentMode detectMode(const InfoDictionary& info, const EnvironmentReader& env);
+    // The live world's normalized address and anon key; throws EnvironmentError when either is missing
+    // or the address has no host.
+    static std::pair<std::string, std::string> liveBackend(const InfoDictionary& info);
 
     // "https://" in front of a value that does not begin with "http"; absent when the result is no URL
     // with a scheme and a host.
@@ -28,11 +35,9 @@ class EnvironmentSettings {
     // directory stands in when there is no home at all.
     static std::filesystem::path dataDirectory(AppEnvironmentMode mode, const EnvironmentReader& env);
 
+    // Throws EnvironmentError in the live world without a usable backend (see liveBackend).
     static AppConfig makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,
                                 const std::filesystem::path& dataDirectory);
-
-    // Mock services run in mock mode, and whenever the backend's host says it is a mock.
-    static bool usesMockServices(AppEnvironmentMode mode, const AppConfig& config);
 
     // The Secret Service item that holds the session; the two worlds never share one.
     static std::string sessionServiceName(AppEnvironmentMode mode);

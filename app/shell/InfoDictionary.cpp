@@ -1,9 +1,14 @@
 #include "app/shell/InfoDictionary.h"
 
+#include "app/shell/EnvironmentError.h"
 #include "app/shell/KaveloInfo.h"
-#include "core/support/AtomicFile.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kavelo {
 
@@ -17,8 +22,8 @@ EnvironmentReader processEnvironment() {
     };
 }
 
-InfoDictionary::InfoDictionary(Json object)
-    : object_(object.is_object() ? std::move(object) : Json::object()) {}
+InfoDictionary::InfoDictionary(Json object, std::string source)
+    : object_(object.is_object() ? std::move(object) : Json::object()), source_(std::move(source)) {}
 
 InfoDictionary InfoDictionary::embedded() {
     Json parsed = Json::parse(kEmbeddedInfoJSON, nullptr, false);
@@ -26,12 +31,52 @@ InfoDictionary InfoDictionary::embedded() {
 }
 
 InfoDictionary InfoDictionary::fromFile(const std::filesystem::path& path) {
-    const auto bytes = readWholeFile(path);
-    if (!bytes) {
-        return InfoDictionary();
+    using Kind = EnvironmentError::Kind;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        throw EnvironmentError(Kind::infoFileUnreadable, path.string(), std::strerror(errno));
     }
-    Json parsed = Json::parse(bytes->begin(), bytes->end(), nullptr, false);
-    return InfoDictionary(parsed.is_discarded() ? Json::object() : std::move(parsed));
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) {
+        throw EnvironmentError(Kind::infoFileUnreadable, path.string(), std::strerror(errno));
+    }
+    if (!S_ISREG(info.st_mode)) {
+        throw EnvironmentError(Kind::infoFileUnreadable, path.string(), "not a regular file");
+    }
+    if (static_cast<std::uintmax_t>(info.st_size) > kMaxFileBytes) {
+        throw EnvironmentError(Kind::infoFileNotAnObject, path.string(),
+                               "larger than " + std::to_string(kMaxFileBytes / 1024) + " KiB");
+    }
+    std::string text(static_cast<std::size_t>(info.st_size), '\0');
+    std::size_t got = 0;
+    while (got < text.size()) {
+        const ssize_t n = ::read(fd, text.data() + got, text.size() - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            throw EnvironmentError(Kind::infoFileUnreadable, path.string(), std::strerror(errno));
+        }
+        if (n == 0) {
+            break;
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    text.resize(got);
+    Json parsed;
+    try {
+        parsed = Json::parse(text);
+    } catch (const Json::exception& error) {
+        throw EnvironmentError(Kind::infoFileNotAnObject, path.string(), error.what());
+    }
+    if (!parsed.is_object()) {
+        throw EnvironmentError(Kind::infoFileNotAnObject, path.string(), "the top level is not an object");
+    }
+    return InfoDictionary(std::move(parsed), path.string());
 }
 
 InfoDictionary InfoDictionary::load(const EnvironmentReader& env) {

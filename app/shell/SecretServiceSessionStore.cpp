@@ -64,7 +64,7 @@ std::optional<AuthSession> SecretServiceSessionStore::load() {
     secret.text = secret_password_lookup_sync(sessionSchema(), nullptr, &failure.error, "service",
                                               service_.c_str(), "account", account_.c_str(), nullptr);
     if (failure.error) {
-        logger_->error("keychain load faalde: OSStatus " + std::to_string(failure.code()));
+        logger_->error("Secret Service load faalde: status " + std::to_string(failure.code()));
         return std::nullopt;
     }
     if (!secret.text) {
@@ -99,7 +99,7 @@ void SecretServiceSessionStore::save(const AuthSession& session) {
         if (store(failure)) {
             return;
         }
-        logger_->error("keychain update faalde: OSStatus " + std::to_string(failure.code()) +
+        logger_->error("Secret Service update faalde: status " + std::to_string(failure.code()) +
                        " — probeer delete+add");
     }
     {
@@ -109,7 +109,7 @@ void SecretServiceSessionStore::save(const AuthSession& session) {
     }
     ErrorHolder failure;
     if (!store(failure)) {
-        logger_->error("keychain add faalde: OSStatus " + std::to_string(failure.code()) +
+        logger_->error("Secret Service add faalde: status " + std::to_string(failure.code()) +
                        " — sessie leeft alleen in geheugen en overleeft de herstart niet");
     }
 }
@@ -120,7 +120,7 @@ void SecretServiceSessionStore::clear() {
     secret_password_clear_sync(sessionSchema(), nullptr, &failure.error, "service", service_.c_str(),
                                "account", account_.c_str(), nullptr);
     if (failure.error) {
-        logger_->error("keychain delete faalde: OSStatus " + std::to_string(failure.code()));
+        logger_->error("Secret Service delete faalde: status " + std::to_string(failure.code()));
     }
 }
 

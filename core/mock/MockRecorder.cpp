@@ -317,7 +317,7 @@ void MockRecorder::switchSystemAudioSource(SystemAudioMode mode, const std::opti
 
 RecorderRuntimeState MockRecorder::runtimeState() {
     std::lock_guard lock(mutex_);
-    return RecorderRuntimeState{active_, paused_, false, sequence_, sequence_ * behavior_.chunkBytes};
+    return RecorderRuntimeState{active_, paused_, false, sequence_, sequence_ * behavior_.chunkBytes, 0};
 }
 
 std::vector<int> MockRecorder::uploadedSequences() {

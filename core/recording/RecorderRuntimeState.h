@@ -8,6 +8,7 @@ struct RecorderRuntimeState {
     bool stoppingOrRestarting = false;
     int lastSequence = 0;
     long long totalBytesEncoded = 0;
+    long long droppedCycles = 0; // audio the capture lost because the recorder's worker fell behind
 
     static constexpr RecorderRuntimeState idle() { return {}; }
     bool operator==(const RecorderRuntimeState&) const = default;

@@ -585,6 +585,10 @@ void RecordingCoordinator::performStop() {
         }
     }
     log(LogLevel::info, "stopped lastSequence=" + std::to_string(last));
+    // Audio the capture could not hand over in time is a gap in the recording: the diagnostics say so.
+    if (const auto dropped = recorder_->runtimeState().droppedCycles; dropped > 0) {
+        log(LogLevel::warn, "capture lost " + std::to_string(dropped) + " audio cycles");
+    }
     if (recordingId) {
         // From here a crash leads to the review, not back to the capture.
         manifest.recordingId = *recordingId;

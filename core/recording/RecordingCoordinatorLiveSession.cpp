@@ -177,10 +177,14 @@ void RecordingCoordinator::startNoChunkWatchdog() {
             if (!self) {
                 return;
             }
+            // Audio encoded without a chunk yet is a quiet meeting, not a dead pipeline: silence fills a
+            // chunk only every few minutes.
+            const bool audioArrived = self->recorder_->runtimeState().totalBytesEncoded > 0;
             bool silent = false;
             {
                 std::lock_guard lock(self->mutex_);
-                silent = isCapturing(self->machine_.phase()) && self->receivedSequences_.empty();
+                silent =
+                    isCapturing(self->machine_.phase()) && self->receivedSequences_.empty() && !audioArrived;
                 if (silent) {
                     self->warnings_.noAudio = true;
                 }

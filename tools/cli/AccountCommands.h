@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tools/cli/SignalWatcher.h"
+
 #include <string>
 #include <vector>
 
@@ -11,7 +13,7 @@ class AccountCommands {
     static const char* loginHelp();
     static const char* logoutHelp();
     static const char* whoamiHelp();
-    static int login(const std::vector<std::string>& args);
+    static int login(const std::vector<std::string>& args, SignalWatcher& signals);
     static int logout(const std::vector<std::string>& args);
     static int whoami(const std::vector<std::string>& args);
 };

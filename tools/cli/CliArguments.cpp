@@ -26,7 +26,10 @@ CliArguments::CliArguments(const std::vector<std::string>& args, const std::set<
             } else {
                 throw UsageError("--" + name + " needs a value");
             }
-        } else if (switches.contains(name) && !inlineValue) {
+        } else if (switches.contains(name)) {
+            if (inlineValue) {
+                throw UsageError("--" + name + " is a switch and takes no value; write --" + name + " alone");
+            }
             switches_.insert(name);
         } else {
             throw UsageError("unknown option '--" + name + "'");

@@ -2,6 +2,12 @@
 
 #include "core/support/CoreJSON.h"
 #include "tools/cli/CliContext.h"
+#include "tools/cli/ExitCode.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kavelo::cli {
 
@@ -28,6 +34,22 @@ void printDevices(EventPrinter& printer, const std::string& title, const std::ve
     }
 }
 
+// Why the data directory cannot hold recordings, or absent when it can: it must be a folder this user
+// may enter and write in.
+std::optional<std::string> dataDirectoryProblem(const std::filesystem::path& dir) {
+    struct stat info {};
+    if (::stat(dir.c_str(), &info) != 0) {
+        return std::string(std::strerror(errno));
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        return std::string("not a folder");
+    }
+    if (::access(dir.c_str(), W_OK | X_OK) != 0) {
+        return std::string(std::strerror(errno));
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 const char* InfoCommands::devicesHelp() {
@@ -47,6 +69,7 @@ const char* InfoCommands::statusHelp() {
 Shows the mode (live or mock) and where it came from, the data directory, a recording that an
 earlier run left behind (finish it with `kavelo-cli recover`), and the chunks kept on disk per
 recording (chunks are deleted once the server holds them).
+Exit status 1 when the data directory cannot be used: nothing could be recorded then.
 )";
 }
 
@@ -80,8 +103,25 @@ int InfoCommands::status(const std::vector<std::string>& rawArgs) {
                        {"mockServices", env.usesMockServices},
                        {"recorder", env.recorderKind},
                        {"dataDirectory", env.config.applicationSupportDirectory.string()}},
-                  "Mode: " + context.describeWorld() +
-                      "\nData directory: " + env.config.applicationSupportDirectory.string());
+                  context.text("Mode: ", "Modus: ") + context.describeWorld() +
+                      context.text("\nData directory: ", "\nGegevensmap: ") +
+                      env.config.applicationSupportDirectory.string());
+
+    const auto& dataDirectory = env.config.applicationSupportDirectory;
+    if (const auto problem = dataDirectoryProblem(dataDirectory)) {
+        const std::string why =
+            context.text("the data directory " + dataDirectory.string() + " cannot be used (" + *problem +
+                             "): a recording could not be kept. Make it a folder you can write in, or set "
+                             "XDG_DATA_HOME to "
+                             "one",
+                         "de gegevensmap " + dataDirectory.string() + " is onbruikbaar (" + *problem +
+                             "): een opname kan er niet worden bewaard. Maak er een map van waarin je mag "
+                             "schrijven, of zet "
+                             "XDG_DATA_HOME op zo'n map");
+        printer.event("data_directory", Json{{"usable", false}, {"reason", *problem}}, "");
+        printer.error(why);
+        return exitFailure;
+    }
 
     const auto manifest = env.recoveryStore->load();
     if (manifest) {
@@ -97,13 +137,16 @@ int InfoCommands::status(const std::vector<std::string>& rawArgs) {
             fields["lastSequence"] = *manifest->lastSequence;
         }
         printer.event("pending_recording", fields,
-                      "Left behind: recording " + manifest->recordingId + " (" +
-                          std::string(toRaw(manifest->stage)) + ", started " +
+                      context.text("Left behind: recording ", "Achtergebleven: opname ") +
+                          manifest->recordingId + " (" + std::string(toRaw(manifest->stage)) +
+                          context.text(", started ", ", begonnen ") +
                           CoreJSON::formatDate(manifest->startedAt) +
                           (manifest->meetingName ? ", \"" + *manifest->meetingName + "\"" : std::string()) +
-                          "). Finish it with: kavelo-cli recover");
+                          context.text("). Finish it with: kavelo-cli recover",
+                                       "). Rond haar af met: kavelo-cli recover"));
     } else {
-        printer.event("pending_recording", Json{{"recordingId", nullptr}}, "No recording left behind.");
+        printer.event("pending_recording", Json{{"recordingId", nullptr}},
+                      context.text("No recording left behind.", "Geen opname achtergebleven."));
     }
 
     bool any = false;
@@ -118,16 +161,18 @@ int InfoCommands::status(const std::vector<std::string>& rawArgs) {
                            {"count", sequences.size()},
                            {"first", sequences.front()},
                            {"last", sequences.back()}},
-                      "Kept on disk: " + recordingId + ": " + std::to_string(sequences.size()) +
-                          " chunk(s), " + std::to_string(sequences.front()) + " to " +
+                      context.text("Kept on disk: ", "Op schijf bewaard: ") + recordingId + ": " +
+                          std::to_string(sequences.size()) + context.text(" chunk(s), ", " stuk(ken), ") +
+                          std::to_string(sequences.front()) + context.text(" to ", " t/m ") +
                           std::to_string(sequences.back()));
     }
     if (!any) {
-        printer.say("No chunks kept on disk.");
+        printer.say(context.text("No chunks kept on disk.", "Geen stukken op schijf bewaard."));
     }
     if (const auto free = env.chunkStore->availableDiskBytes()) {
         printer.event("disk", Json{{"availableBytes", *free}},
-                      "Free in the data directory: " + std::to_string(*free / (1024 * 1024)) + " MiB");
+                      context.text("Free in the data directory: ", "Vrij in de gegevensmap: ") +
+                          std::to_string(*free / (1024 * 1024)) + " MiB");
     }
     return 0;
 }

@@ -2,8 +2,9 @@
 
 namespace kavelo::cli {
 
-ObservingUploadWorker::ObservingUploadWorker(std::shared_ptr<UploadWorker> inner, EventHandler observer)
-    : inner_(std::move(inner)), observer_(std::move(observer)) {
+ObservingUploadWorker::ObservingUploadWorker(std::shared_ptr<UploadWorker> inner, EventHandler observer,
+                                             ChunkObserver chunkObserver)
+    : inner_(std::move(inner)), observer_(std::move(observer)), chunkObserver_(std::move(chunkObserver)) {
     // Events before the coordinator installs its handler are still seen.
     inner_->setOnEvent(observer_);
 }

@@ -2,15 +2,20 @@
 
 #include "core/transport/UploadWorker.h"
 
+#include <functional>
 #include <memory>
 
 namespace kavelo::cli {
 
 // Passes every call to the real upload worker and shows each of its events to the command line before
-// the coordinator's handler gets it.
+// the coordinator's handler gets it; a chunk observer, when given, sees each chunk's bytes as the
+// recorder hands them over.
 class ObservingUploadWorker final : public UploadWorker {
   public:
-    ObservingUploadWorker(std::shared_ptr<UploadWorker> inner, EventHandler observer);
+    using ChunkObserver = std::function<void(const Bytes& data, int sequence)>;
+
+    ObservingUploadWorker(std::shared_ptr<UploadWorker> inner, EventHandler observer,
+                          ChunkObserver chunkObserver = {});
 
     void configure(const std::string& recordingId, const std::optional<std::string>& recordingSecret,
                    const std::string& supabaseUrl, const std::string& anonKey,
@@ -18,6 +23,9 @@ class ObservingUploadWorker final : public UploadWorker {
         inner_->configure(recordingId, recordingSecret, supabaseUrl, anonKey, authToken);
     }
     void enqueue(const Bytes& data, int sequence, bool isFinal, double sampleRate, int channels) override {
+        if (chunkObserver_) {
+            chunkObserver_(data, sequence);
+        }
         inner_->enqueue(data, sequence, isFinal, sampleRate, channels);
     }
     void journal(const Bytes& appended, int sequence) override { inner_->journal(appended, sequence); }
@@ -34,6 +42,7 @@ class ObservingUploadWorker final : public UploadWorker {
   private:
     std::shared_ptr<UploadWorker> inner_;
     const EventHandler observer_;
+    const ChunkObserver chunkObserver_;
 };
 
 } // namespace kavelo::cli

@@ -1,13 +1,15 @@
 #include "tools/cli/RecordCommand.h"
 
 #include "core/recording/EmailValidator.h"
+#include "tools/cli/AudioCopy.h"
+#include "tools/cli/ExitCode.h"
 #include "tools/cli/ObservingRecorder.h"
 #include "tools/cli/ObservingUploadWorker.h"
 #include "tools/cli/RoadDriver.h"
-#include "tools/cli/SignalWatcher.h"
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 
 namespace kavelo::cli {
 
@@ -64,13 +66,36 @@ std::set<std::string> unite(std::initializer_list<std::set<std::string>> sets) {
     return all;
 }
 
-// Builds the world with the driver's observers around the recorder and the upload worker.
+// The world with the driver's observers around the recorder and the upload worker. The world goes first
+// at the end: its threads may still report while it winds down, and the driver they report to must then
+// still exist (detached, so that it no longer reaches into the world).
 struct Composed {
     std::unique_ptr<CliContext> context;
     std::unique_ptr<RoadDriver> driver;
+
+    Composed() = default;
+    Composed(Composed&&) = default;
+    ~Composed() {
+        if (driver) {
+            driver->detach();
+        }
+        context.reset();
+        driver.reset();
+    }
 };
 
-Composed compose(const CliArguments& args, const ReviewChoices& choices) {
+// Ctrl-C and SIGTERM along the road: stop, then stop waiting, then quit at once.
+SignalWatcher::Handler interruptHandler(RoadDriver& driver) {
+    return [&driver](int, int) {
+        if (driver.interrupt() == RoadDriver::InterruptAction::exitNow) {
+            std::fflush(nullptr);
+            std::_Exit(exitInterrupted);
+        }
+    };
+}
+
+Composed compose(const CliArguments& args, const ReviewChoices& choices,
+                 std::shared_ptr<AudioCopy> audioCopy = nullptr) {
     // The driver needs the context and the context's environment needs the driver's observers: the
     // decorators reach the driver through a slot filled right after.
     auto slot = std::make_shared<RoadDriver*>(nullptr);
@@ -90,12 +115,20 @@ Composed compose(const CliArguments& args, const ReviewChoices& choices) {
         };
         return std::make_shared<ObservingRecorder>(std::move(inner), forward);
     };
-    options.decorateUploader = [slot](std::shared_ptr<UploadWorker> inner) -> std::shared_ptr<UploadWorker> {
-        return std::make_shared<ObservingUploadWorker>(std::move(inner), [slot](const NativeUploadEvent& e) {
-            if (*slot) {
-                (*slot)->uploadObserver()(e);
-            }
-        });
+    options.decorateUploader =
+        [slot, audioCopy](std::shared_ptr<UploadWorker> inner) -> std::shared_ptr<UploadWorker> {
+        ObservingUploadWorker::ChunkObserver copy;
+        if (audioCopy) {
+            copy = [audioCopy](const Bytes& data, int) { audioCopy->append(data); };
+        }
+        return std::make_shared<ObservingUploadWorker>(
+            std::move(inner),
+            [slot](const NativeUploadEvent& e) {
+                if (*slot) {
+                    (*slot)->uploadObserver()(e);
+                }
+            },
+            std::move(copy));
     };
     Composed composed;
     composed.context = std::make_unique<CliContext>(args, true, std::move(options));
@@ -105,26 +138,39 @@ Composed compose(const CliArguments& args, const ReviewChoices& choices) {
     return composed;
 }
 
-std::string blockerText(const StartBlocker& blocker) {
+std::string blockerText(const StartBlocker& blocker, const CliContext& c) {
     switch (blocker.kind()) {
     case StartBlocker::Kind::backend:
-        return blocker.text();
+        return c.text("the backend refused the start: ", "de backend weigerde de start: ") + blocker.text();
     case StartBlocker::Kind::signedOut:
-        return "nobody is signed in";
+        return c.text("nobody is signed in. Run: kavelo-cli login --email ADDRESS",
+                      "niemand is aangemeld. Voer uit: kavelo-cli login --email ADRES");
     case StartBlocker::Kind::updateRequired:
-        return "this version must be updated before it may record";
+        return c.text(
+            "this version must be updated before it may record; install the new version",
+            "deze versie moet worden bijgewerkt voordat ze mag opnemen; installeer de nieuwe versie");
     case StartBlocker::Kind::microphonePermission:
-        return "the audio server does not let us use the microphone";
+        return c.text(
+            "the audio server does not let this program use the microphone; check the sound settings",
+            "de geluidsserver laat dit programma de microfoon niet gebruiken; kijk in de "
+            "geluidsinstellingen");
     case StartBlocker::Kind::systemAudioPermission:
-        return "the audio server does not let us capture system audio (try --system-audio off)";
+        return c.text(
+            "the audio server does not let this program capture system audio; try --system-audio off",
+            "de geluidsserver laat dit programma het systeemgeluid niet opnemen; probeer "
+            "--system-audio off");
     case StartBlocker::Kind::audioDeviceMissing:
-        return "no microphone found";
+        return c.text("no microphone found; see: kavelo-cli devices",
+                      "geen microfoon gevonden; zie: kavelo-cli devices");
     case StartBlocker::Kind::offline:
-        return "no network: the recording could not be created on the server";
+        return c.text("no network: the recording could not be created on the server; try again when online",
+                      "geen netwerk: de opname kon niet op de server worden aangemaakt; probeer het opnieuw "
+                      "zodra je online bent");
     case StartBlocker::Kind::insufficientDiskSpace:
-        return "less than 700 MiB free in the data directory";
+        return c.text("less than 700 MiB free in the data directory; make room and try again",
+                      "minder dan 700 MiB vrij in de gegevensmap; maak ruimte en probeer het opnieuw");
     }
-    return "the start was refused";
+    return c.text("the start was refused", "de start werd geweigerd");
 }
 
 } // namespace
@@ -146,6 +192,8 @@ Options:
   --system-audio MODE       off, system (default) or app
   --app ID                  with --system-audio app: the application to capture (see devices)
   --language nl|en          language of the report (default nl)
+  --keep-audio FILE         also write everything recorded to FILE as one AAC stream (the chunks
+                            themselves are deleted once the server holds them)
   --speakers "A, B"         the speakers' names, replacing those found
   --speaker-count N         number of speakers (1-32)
   --recipients "a@x.nl, b@y.nl"  who gets the report besides you
@@ -160,17 +208,24 @@ Options:
 
 The world comes from the environment: KAVELO_BACKEND=mock runs against the in-process mock
 backend with its demo account; KAVELO_RECORDER=mock there records from the mock recorder instead
-of the audio server. Exit status 0 only when the report was requested.
+of the audio server.
+
+Ctrl-C once stops the recording and goes on to request the report; twice stops waiting for the
+server (the recording stays on this machine for `kavelo-cli recover`); three times quits at once.
+
+Exit status: 0 the report was requested; 1 failure; 2 a mistake on the command line; 3 the
+recording is kept on this machine and not sent yet (finish it with `kavelo-cli recover`);
+130 quit at once by a third Ctrl-C.
 )";
 }
 
-int RecordCommand::run(const std::vector<std::string>& rawArgs) {
-    const CliArguments args(
-        rawArgs,
-        unite({{"meeting", "duration", "pause-at", "resume-at", "mic", "system-audio", "app", "language"},
-               kReviewValued,
-               CliContext::sessionOptions()}),
-        unite({CliContext::commonSwitches(), kReviewSwitches}));
+int RecordCommand::run(const std::vector<std::string>& rawArgs, SignalWatcher& signals) {
+    const CliArguments args(rawArgs,
+                            unite({{"meeting", "duration", "pause-at", "resume-at", "mic", "system-audio",
+                                    "app", "language", "keep-audio"},
+                                   kReviewValued,
+                                   CliContext::sessionOptions()}),
+                            unite({CliContext::commonSwitches(), kReviewSwitches}));
     const auto duration = args.number("duration", 1, 24 * 3600);
     const auto pauseAt = args.number("pause-at", 0, 24 * 3600);
     const auto resumeAt = args.number("resume-at", 0, 24 * 3600);
@@ -186,25 +241,43 @@ int RecordCommand::run(const std::vector<std::string>& rawArgs) {
     }
     const std::string language = args.choice("language", {"nl", "en"}, "nl");
     const ReviewChoices choices = reviewChoices(args);
+    std::shared_ptr<AudioCopy> audioCopy;
+    if (const auto keep = args.value("keep-audio")) {
+        const auto language = CliLanguage::fromEnvironment(processEnvironment());
+        audioCopy = std::make_shared<AudioCopy>(
+            *keep, language.text("--keep-audio: " + *keep +
+                                     " cannot be written; choose a file in a folder you "
+                                     "can write in",
+                                 "--keep-audio: " + *keep +
+                                     " is niet te schrijven; kies een bestand in een map "
+                                     "waarin je mag schrijven"));
+    }
 
-    auto composed = compose(args, choices);
+    auto composed = compose(args, choices, audioCopy);
     CliContext& context = *composed.context;
     RoadDriver& driver = *composed.driver;
     auto& env = context.env();
-    SignalWatcher signals([&driver](int) { driver.requestStop(); });
+    const SignalWatcher::Scope interrupts(signals, interruptHandler(driver));
 
-    context.printer().say("Kavely " + env.config.appVersion + ", " + context.describeWorld() + ", data in " +
+    context.printer().say("Kavely " + env.config.appVersion + ", " + context.describeWorld() +
+                          context.text(", data in ", ", gegevens in ") +
                           env.config.applicationSupportDirectory.string());
     const auto session = context.signIn();
     if (!session) {
-        driver.printDone("nobody is signed in");
-        return 2;
+        driver.printDone(context.text("nobody is signed in", "niemand is aangemeld"));
+        return exitFailure;
     }
     if (const auto pending = env.recoveryStore->load()) {
-        context.printer().error("an earlier recording (" + pending->recordingId +
-                                ") was not finished; run kavelo-cli recover first, so that it is not lost");
-        driver.printDone("an earlier recording waits to be recovered");
-        return 3;
+        // Starting anew would overwrite the record of the earlier recording, and with it the way to send it.
+        const std::string why = context.text(
+            "an earlier recording (" + pending->recordingId +
+                ") is kept on this machine and not sent yet; finish it first with: kavelo-cli recover",
+            "een eerdere opname (" + pending->recordingId +
+                ") staat nog op deze computer en is niet verstuurd; rond haar eerst af met: kavelo-cli "
+                "recover");
+        context.printer().error(why);
+        driver.printDone(why);
+        return exitKeptNotSent;
     }
 
     PreflightContext preflight;
@@ -230,11 +303,14 @@ int RecordCommand::run(const std::vector<std::string>& rawArgs) {
     if (coordinator.phase() != RecordingPhase::recording) {
         const auto blocker = coordinator.startBlocker();
         const std::string why =
-            blocker ? blockerText(*blocker)
-                    : "the recording did not start (phase " + std::string(toRaw(coordinator.phase())) + ")";
+            blocker ? blockerText(*blocker, context)
+                    : context.text("the recording did not start (phase ", "de opname begon niet (fase ") +
+                          std::string(toRaw(coordinator.phase())) +
+                          context.text("); the log above says why", "); het logboek hierboven zegt "
+                                                                    "waarom");
         context.printer().error(why);
         driver.printDone(why);
-        return 1;
+        return exitFailure;
     }
 
     // The live part: a status line every second, the pause and resume at their seconds, and the stop
@@ -259,7 +335,6 @@ int RecordCommand::run(const std::vector<std::string>& rawArgs) {
             deadline = std::min(deadline, at(*resumeAt));
         }
         if (driver.waitForStopOr(deadline)) {
-            context.printer().say("Stopping...");
             break;
         }
         const auto now = std::chrono::steady_clock::now();
@@ -284,12 +359,29 @@ int RecordCommand::run(const std::vector<std::string>& rawArgs) {
         }
     }
 
-    // The stop, through the same confirmation a person would give.
+    // The stop, through the same confirmation a person would give. From here a Ctrl-C stops the waiting.
+    driver.markPastStop();
     if (coordinator.phase() == RecordingPhase::pausedUser) {
         coordinator.stopFromPause();
     } else {
         coordinator.stopTapped();
         coordinator.stopConfirmed();
+    }
+    if (audioCopy) {
+        // The recorder has handed over its last chunk: the copy is complete, or says where it broke off.
+        const std::string where = audioCopy->path().string();
+        const std::string size = std::to_string(audioCopy->bytesWritten() / 1024);
+        if (const int error = audioCopy->firstError()) {
+            context.printer().error(context.text("the copy in " + where + " broke off after " + size +
+                                                     " KiB (" + std::strerror(error) +
+                                                     "); the recording itself goes on",
+                                                 "de kopie in " + where + " hield op na " + size + " KiB (" +
+                                                     std::strerror(error) + "); de opname zelf gaat door"));
+        }
+        context.printer().event(
+            "audio_copy", {{"path", where}, {"bytes", audioCopy->bytesWritten()}},
+            context.text("A copy of the audio (" + size + " KiB) is in " + where,
+                         "Een kopie van het geluid (" + size + " KiB) staat in " + where));
     }
     return driver.finishRoad();
 }
@@ -313,44 +405,61 @@ server did not receive every chunk in time). Same options as `recover`.
 )";
 }
 
-int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly) {
+int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly, SignalWatcher& signals) {
     const CliArguments args(rawArgs, unite({kReviewValued, CliContext::sessionOptions()}),
                             unite({CliContext::commonSwitches(), kReviewSwitches}));
     const ReviewChoices choices = reviewChoices(args);
     auto composed = compose(args, choices);
     CliContext& context = *composed.context;
     RoadDriver& driver = *composed.driver;
-    SignalWatcher signals([&driver](int) { driver.requestStop(); });
+    // Nothing records here: the first Ctrl-C already stops the waiting.
+    driver.markPastStop();
+    const SignalWatcher::Scope interrupts(signals, interruptHandler(driver));
     const auto session = context.signIn();
     if (!session) {
-        driver.printDone("nobody is signed in");
-        return 2;
+        driver.printDone(context.text("nobody is signed in", "niemand is aangemeld"));
+        return exitFailure;
     }
     auto& coordinator = *context.env().coordinator;
     const auto decision = coordinator.recoverIfNeeded(session->user, userNameOf(session->user));
     using Kind = RecordingCoordinator::RecoveryDecisionKind;
+    auto& printer = context.printer();
     switch (decision.kind) {
     case Kind::none:
-        context.printer().say("Nothing to recover.");
-        driver.printDone(retryOnly ? "no recording to retry" : "");
-        return retryOnly ? 1 : 0;
+        printer.say(context.text("Nothing to recover.", "Niets om af te ronden."));
+        driver.printDone(
+            retryOnly ? context.text("no recording to retry", "geen opname om opnieuw te proberen") : "");
+        return retryOnly ? exitFailure : exitSuccess;
     case Kind::discardedExpired:
-        context.printer().say("The recording left behind was too old to finish and was set aside.");
-        driver.printDone("the recording left behind had expired");
-        return 1;
+        printer.say(context.text("The recording left behind was too old to finish and was set aside.",
+                                 "De achtergebleven opname was te oud om af te ronden en is opzijgezet."));
+        driver.printDone(
+            context.text("the recording left behind had expired", "de achtergebleven opname was verlopen"));
+        return exitFailure;
     case Kind::discardedEmpty:
-        context.printer().say(
-            "The recording left behind was cut off before its first chunk; nothing of it was kept.");
-        driver.printDone("the recording left behind ended before its first chunk; nothing to send");
-        return retryOnly ? 1 : 0;
-    case Kind::deferred:
-        context.printer().error(
-            "the server could not say which chunks of the recording left behind it holds; "
-            "the recording stays on this machine, try again when the server is reachable");
-        driver.printDone("the server could not be asked which chunks it holds");
-        return 1;
+        printer.say(context.text(
+            "The recording left behind was cut off before its first chunk; nothing of it was kept.",
+            "De achtergebleven opname hield op voor haar eerste stuk; er is niets van bewaard."));
+        driver.printDone(
+            context.text("the recording left behind ended before its first chunk; nothing to send",
+                         "de achtergebleven opname hield op voor haar eerste stuk; niets te versturen"));
+        return retryOnly ? exitFailure : exitSuccess;
+    case Kind::deferred: {
+        const std::string why =
+            context.text("the server could not say which chunks of the recording left behind it holds; the "
+                         "recording stays on "
+                         "this machine. Try kavelo-cli recover again when the server is reachable",
+                         "de server kon niet zeggen welke stukken van de achtergebleven opname hij heeft; de "
+                         "opname blijft op "
+                         "deze computer. Probeer kavelo-cli recover opnieuw zodra de server bereikbaar is");
+        printer.error(why);
+        driver.printDone(why);
+        return exitKeptNotSent;
+    }
     case Kind::resumedActive:
-        context.printer().say("A recording was still running when the last run ended; stopping it now.");
+        printer.say(
+            context.text("A recording was still running when the last run ended; stopping it now.",
+                         "Er liep nog een opname toen het programma de vorige keer stopte; die stopt nu."));
         if (coordinator.phase() == RecordingPhase::pausedUser) {
             coordinator.stopFromPause();
         } else {
@@ -359,12 +468,13 @@ int RecoverCommand::run(const std::vector<std::string>& rawArgs, bool retryOnly)
         }
         break;
     case Kind::openedFinalizeFlow:
-        context.printer().say("A stopped recording was waiting for its report.");
+        printer.say(context.text("A stopped recording was waiting for its report.",
+                                 "Een gestopte opname wachtte op haar verslag."));
         break;
     }
     if (retryOnly && coordinator.canRetryFinalize() &&
         coordinator.phase() == RecordingPhase::errorRecoverable) {
-        coordinator.retryFinalize();
+        return driver.retryRoad();
     }
     return driver.finishRoad();
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tools/cli/SignalWatcher.h"
+
 #include <string>
 #include <vector>
 
@@ -9,7 +11,7 @@ namespace kavelo::cli {
 class RecordCommand {
   public:
     static const char* help();
-    static int run(const std::vector<std::string>& args);
+    static int run(const std::vector<std::string>& args, SignalWatcher& signals);
 };
 
 // `kavelo-cli recover` and `kavelo-cli retry`: finish what an earlier run left behind.
@@ -17,7 +19,7 @@ class RecoverCommand {
   public:
     static const char* help();
     static const char* retryHelp();
-    static int run(const std::vector<std::string>& args, bool retryOnly);
+    static int run(const std::vector<std::string>& args, bool retryOnly, SignalWatcher& signals);
 };
 
 } // namespace kavelo::cli

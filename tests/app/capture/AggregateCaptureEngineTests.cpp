@@ -31,6 +31,7 @@ struct FakeAggregateDevice final : AggregateDevice {
         std::lock_guard lock(mutex);
         listener = std::move(l);
     }
+    std::uint64_t droppedCycles() const override { return dropped; }
     // Delivers one cycle as the device's worker would; false when no cycles run.
     bool cycle(const IOBufferList& list) {
         IOHandler h;
@@ -60,6 +61,7 @@ struct FakeAggregateDevice final : AggregateDevice {
     std::function<void()> listener;
     std::vector<std::optional<std::string>> preferences;
     int builds = 0, teardowns = 0;
+    std::atomic<std::uint64_t> dropped{0};
 };
 
 class EngineFixture : public ::testing::Test {
@@ -235,24 +237,39 @@ TEST_F(EngineFixture, StalledGraphIsRebuiltFiveTimesThenGivenUpUntilAudioReturns
     EXPECT_TRUE(waitForLog("aggregate rebuild (default device changed) — attempt 1/5"));
 }
 
-TEST_F(EngineFixture, ExactZerosForTwelveSecondsRebuildAndANoiseFloorDoesNot) {
+TEST_F(EngineFixture, AMinuteOfExactZerosKeepsTheGraphAndOnlyMissingCyclesRebuildIt) {
     auto clock = std::make_shared<SteppingClock>();
     make(clock);
     engine->start();
     engine->startWatchdog();
     ASSERT_TRUE(clock->waitForSleepers(1));
-    std::vector<float> floor(3 * 64, 0.0f);
-    floor[0] = 1e-6f; // a microphone's noise floor
+    // A muted microphone in a quiet meeting: nothing but zeros, and no data at all on one port.
     std::vector<float> zeros(3 * 64, 0.0f);
-    for (int second = 0; second < 20; ++second) {
-        device->cycle(oneBuffer(floor, 3));
-        clock->advance(1);
+    std::vector<float> one(64, 0.0f);
+    for (int second = 0; second < 60; second += 3) {
+        ASSERT_TRUE(device->cycle(oneBuffer(zeros, 3)));
+        ASSERT_TRUE(device->cycle({{{1, one.data(), 256}, {1, nullptr, 256}, {1, one.data(), 256}}}));
+        clock->advance(3);
     }
     EXPECT_EQ(countLogsStartingWith("aggregate rebuild"), 0);
-    for (int second = 0; second < 14; ++second) {
-        device->cycle(oneBuffer(zeros, 3));
-        clock->advance(1);
+    EXPECT_EQ(device->builds, 1);
+    for (int second = 0; second < 9; second += 3) {
+        clock->advance(3);
     }
-    EXPECT_TRUE(waitForLog("aggregate rebuild (silent buffers) — attempt 1/5"));
-    EXPECT_EQ(countLogsStartingWith("aggregate rebuild (io stalled)"), 0);
+    EXPECT_TRUE(waitForLog("aggregate rebuild (io stalled) — attempt 1/5"));
+}
+
+TEST_F(EngineFixture, CyclesTheDeviceLostAreCountedAndLogged) {
+    auto clock = std::make_shared<SteppingClock>();
+    make(clock);
+    engine->start();
+    engine->startDiagnosticLogger();
+    ASSERT_TRUE(clock->waitForSleepers(1));
+    device->dropped = 7;
+    clock->advance(5);
+    EXPECT_TRUE(waitForLog("aggregate lost 7 cycles (7 in all): the capture worker fell behind"));
+    EXPECT_EQ(engine->droppedCycles(), 7);
+    device->dropped = 9;
+    engine->stop();
+    EXPECT_EQ(engine->counters().droppedCycles, 9) << "counted once more at the teardown";
 }

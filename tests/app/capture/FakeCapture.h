@@ -15,12 +15,13 @@
 
 namespace kavelo::testing {
 
-// Captures that deliver only what the test pushes through them.
+// Captures that deliver only what the test pushes through them. Like the real ones, a capture's end waits
+// for a push under way (pushes may come from a thread of the test's own).
 struct FakeCaptureBackend final : CaptureBackend {
     struct Microphone final : MicrophoneCapture {
         Microphone(FakeCaptureBackend& owner) : owner(owner) {}
         ~Microphone() override {
-            std::lock_guard lock(owner.mutex);
+            std::scoped_lock lock(owner.pushing, owner.mutex);
             owner.microphoneHandler = nullptr;
             ++owner.microphonesStopped;
         }
@@ -29,7 +30,7 @@ struct FakeCaptureBackend final : CaptureBackend {
     struct System final : SystemAudioCapture {
         System(FakeCaptureBackend& owner) : owner(owner) {}
         ~System() override {
-            std::lock_guard lock(owner.mutex);
+            std::scoped_lock lock(owner.pushing, owner.mutex);
             owner.systemHandler = nullptr;
             ++owner.systemsStopped;
         }
@@ -56,11 +57,12 @@ struct FakeCaptureBackend final : CaptureBackend {
             return owner.aggregateDeliversAudio;
         }
         void stop() override {
-            std::lock_guard lock(owner.mutex);
+            std::scoped_lock lock(owner.pushing, owner.mutex);
             owner.aggregateSystem = nullptr;
             owner.aggregateMic = nullptr;
             ++owner.aggregatesStopped;
         }
+        long long droppedCycles() const override { return 0; }
         FakeCaptureBackend& owner;
     };
 
@@ -103,6 +105,7 @@ struct FakeCaptureBackend final : CaptureBackend {
 
     // Pushes a microphone buffer as the running capture's worker would; false when none runs.
     bool pushMicrophone(const std::vector<float>& samples) {
+        std::lock_guard push(pushing);
         MonoBufferHandler handler;
         {
             std::lock_guard lock(mutex);
@@ -115,6 +118,7 @@ struct FakeCaptureBackend final : CaptureBackend {
         return true;
     }
     bool pushSystem(const std::vector<float>& samples) {
+        std::lock_guard push(pushing);
         MonoBufferHandler handler;
         {
             std::lock_guard lock(mutex);
@@ -131,6 +135,7 @@ struct FakeCaptureBackend final : CaptureBackend {
         return microphoneHandler != nullptr;
     }
 
+    std::recursive_mutex pushing; // held while a handler runs; a capture ends only between pushes
     std::mutex mutex;
     MonoBufferHandler microphoneHandler, systemHandler, aggregateSystem, aggregateMic;
     std::vector<std::string> microphoneIds;
@@ -176,6 +181,9 @@ struct FakeUploadWorker final : UploadWorker {
     void configure(const std::string&, const std::optional<std::string>&, const std::string&,
                    const std::string&, const std::optional<std::string>&) override {}
     void enqueue(const Bytes& data, int sequence, bool isFinal, double, int) override {
+        if (beforeStore) {
+            beforeStore(sequence); // a slow disk, for the tests that need one
+        }
         std::lock_guard lock(mutex);
         chunks.push_back({data, sequence, isFinal});
     }
@@ -201,6 +209,7 @@ struct FakeUploadWorker final : UploadWorker {
         std::lock_guard lock(mutex);
         return journaled;
     }
+    std::function<void(int sequence)> beforeStore; // set before the recording starts
     mutable std::mutex mutex;
     std::vector<Enqueued> chunks;
     std::vector<Enqueued> journaled;

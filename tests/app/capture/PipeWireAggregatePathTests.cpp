@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <thread>
 #include <tuple>
 
 using namespace kavelo;
@@ -334,6 +335,30 @@ TEST_F(PipeWireAggregatePathTest, RecorderTakesTheAggregatePathAndBothTonesReach
     EXPECT_GT(decoded.toneLevel(440), 0.2);
     EXPECT_GT(decoded.toneLevel(1000), 0.2);
     EXPECT_LT(decoded.toneLevel(700), 0.02);
+}
+
+// A disk that stalls for two seconds while the first chunk is written holds up the capture worker; the ring
+// in front of it keeps every cycle, and the decoded audio covers the whole time from start to stop.
+TEST_F(PipeWireAggregatePathTest, ASlowDiskLosesNoCycleAndTheDecodedAudioIsAsLongAsTheRecordingRan) {
+    std::atomic<bool> stalled{false};
+    uploader->beforeStore = [&stalled](int) {
+        if (!stalled.exchange(true)) {
+            std::this_thread::sleep_for(std::chrono::seconds(2)); // the slow disk of this test
+        }
+    };
+    auto recorder = makeRecorder();
+    recorder->start(systemMode());
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_EQ(recorder->diagnosticsSnapshot().at("engine"), "PipeWireAggregate");
+    std::this_thread::sleep_for(std::chrono::seconds(12)); // the first chunk is cut after about 8 seconds
+    const double ran = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    recorder->stop();
+    EXPECT_TRUE(stalled.load()) << "no chunk was written during the recording";
+    EXPECT_EQ(recorder->runtimeState().droppedCycles, 0);
+    EXPECT_EQ(recorder->diagnosticsSnapshot().at("droppedCycles"), "0");
+    auto decoded = decodedChunks();
+    ASSERT_TRUE(decoded.ok);
+    EXPECT_NEAR(decoded.seconds(), ran, 0.2);
 }
 
 TEST_F(PipeWireAggregatePathTest, LosingTheSystemOutputNeverCostsTheMicrophone) {

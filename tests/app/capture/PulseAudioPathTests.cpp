@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 using namespace kavelo;
 using namespace kavelo::testing;
@@ -125,6 +127,26 @@ TEST_F(PulseAudioPathTest, MicrophoneAndSystemAudioBothReachTheChunks) {
     ASSERT_FALSE(chunks.empty());
     EXPECT_TRUE(chunks.back().isFinal);
     EXPECT_FALSE(events.errorCodes().size()) << "the fallback path chosen by the switch reports nothing";
+}
+
+// The recording's time runs from the return of start to the call of stop; the decoded audio must cover it,
+// neither a start that returns before the microphone sends nor a stop that drops what is buffered costing
+// any of it.
+TEST_F(PulseAudioPathTest, TheDecodedAudioIsAsLongAsTheRecordingRan) {
+    auto voice = daemon->play("micfeed", daemon->tone(440, 30, 0.4));
+    auto recorder = makeRecorder();
+    recorder->start(input(SystemAudioMode::system));
+    const auto started = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(6)); // a short meeting, in real time on a real server
+    const double ran = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    recorder->stop();
+    Bytes all;
+    for (const auto& chunk : uploader->snapshot()) {
+        all.insert(all.end(), chunk.data.begin(), chunk.data.end());
+    }
+    auto decoded = decodeAdts(all);
+    ASSERT_TRUE(decoded.ok);
+    EXPECT_NEAR(decoded.seconds(), ran, 0.2);
 }
 
 TEST_F(PulseAudioPathTest, LosingTheOutputLeavesTheMicrophoneRecording) {

@@ -1,8 +1,11 @@
 #include "app/shell/EnvironmentSettings.h"
 
+#include "app/shell/EnvironmentError.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <map>
 
 #include <unistd.h>
@@ -24,9 +27,20 @@ InfoDictionary info(Json object) {
     return InfoDictionary(std::move(object));
 }
 
-TEST(EnvironmentSettings, BundleWithoutBackendRunsTheMockWorldInItsOwnPlaces) {
-    const auto env = fakeEnvironment({{"HOME", "/home/ann"}});
-    const auto mode = EnvironmentSettings::detectMode(info(Json::object()), env);
+EnvironmentError::Kind failureOf(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const EnvironmentError& error) {
+        return error.kind();
+    }
+    ADD_FAILURE() << "no EnvironmentError";
+    return EnvironmentError::Kind::unknownBackendChoice;
+}
+
+TEST(EnvironmentSettings, TheMockWorldIsChosenOnlyByNameAndKeepsToItsOwnPlaces) {
+    const auto env = fakeEnvironment({{"HOME", "/home/ann"}, {"KAVELO_BACKEND", "mock"}});
+    const Json full = {{"SUPABASE_URL", "api.example.org/"}, {"SUPABASE_ANON_KEY", "anon"}};
+    const auto mode = EnvironmentSettings::detectMode(info(full), env);
     EXPECT_EQ(mode, AppEnvironmentMode::mock);
     const auto dir = EnvironmentSettings::dataDirectory(mode, env);
     EXPECT_EQ(dir, std::filesystem::path("/home/ann/.local/share/Kavely/Mock"));
@@ -35,64 +49,84 @@ TEST(EnvironmentSettings, BundleWithoutBackendRunsTheMockWorldInItsOwnPlaces) {
     EXPECT_NE(config.supabaseUrl.find("mock"), std::string::npos);
     EXPECT_EQ(config.anonKey.size(), 13u);
     EXPECT_EQ(config.platform, "linux");
-    EXPECT_TRUE(EnvironmentSettings::usesMockServices(mode, config));
 }
 
-TEST(EnvironmentSettings, ForcedLiveWithoutBackendValuesKeepsLivePlacesButMockServices) {
-    const auto env = fakeEnvironment({{"KAVELO_BACKEND", "live"}, {"XDG_DATA_HOME", "/data"}});
-    const auto mode = EnvironmentSettings::detectMode(info(Json::object()), env);
-    EXPECT_EQ(mode, AppEnvironmentMode::live);
-    EXPECT_EQ(EnvironmentSettings::dataDirectory(mode, env), std::filesystem::path("/data/Kavely"));
-    EXPECT_EQ(EnvironmentSettings::sessionServiceName(mode), "com.kavely.mac.session");
-    const auto config = EnvironmentSettings::makeConfig(mode, info(Json::object()), "/data/Kavely");
-    EXPECT_TRUE(EnvironmentSettings::usesMockServices(mode, config));
-}
-
-TEST(EnvironmentSettings, BackendValuesDecideTheModeWhenNothingIsForced) {
-    const auto env = fakeEnvironment({});
+TEST(EnvironmentSettings, ALiveWorldWithoutAUsableBackendRefusesToRunInsteadOfFallingBackToMock) {
+    using Kind = EnvironmentError::Kind;
+    const auto none = fakeEnvironment({});
+    const auto forcedLive = fakeEnvironment({{"KAVELO_BACKEND", "live"}});
+    for (const auto& env : {none, forcedLive}) {
+        EXPECT_EQ(failureOf([&] { (void)EnvironmentSettings::detectMode(info(Json::object()), env); }),
+                  Kind::noBackendAddress);
+        for (const Json& half : {Json{{"SUPABASE_URL", "$(SUPABASE_URL)"}, {"SUPABASE_ANON_KEY", "anon"}},
+                                 Json{{"SUPABASE_URL", "https://api.example.org"}, {"SUPABASE_ANON_KEY", ""}},
+                                 Json{{"SUPABASE_URL", 42}, {"SUPABASE_ANON_KEY", "anon"}}}) {
+            EXPECT_EQ(failureOf([&] { (void)EnvironmentSettings::detectMode(info(half), env); }),
+                      Kind::noBackendAddress)
+                << half.dump();
+        }
+        EXPECT_EQ(failureOf([&] {
+                      (void)EnvironmentSettings::detectMode(
+                          info({{"SUPABASE_URL", "http://"}, {"SUPABASE_ANON_KEY", "anon"}}), env);
+                  }),
+                  Kind::badBackendAddress);
+    }
+    EXPECT_EQ(failureOf([] {
+                  (void)EnvironmentSettings::makeConfig(AppEnvironmentMode::live, info(Json::object()), "/d");
+              }),
+              Kind::noBackendAddress);
+    // A misspelt choice is refused rather than guessed: "Mock" is not "mock".
     const Json full = {{"SUPABASE_URL", "api.example.org/"}, {"SUPABASE_ANON_KEY", "anon"}};
-    EXPECT_EQ(EnvironmentSettings::detectMode(info(full), env), AppEnvironmentMode::live);
+    EXPECT_EQ(
+        failureOf([&] {
+            (void)EnvironmentSettings::detectMode(info(full), fakeEnvironment({{"KAVELO_BACKEND", "Mock"}}));
+        }),
+        Kind::unknownBackendChoice);
+
+    EXPECT_EQ(EnvironmentSettings::detectMode(info(full), none), AppEnvironmentMode::live);
     const auto config = EnvironmentSettings::makeConfig(AppEnvironmentMode::live, info(full), "/d");
     EXPECT_EQ(config.supabaseUrl, "https://api.example.org");
     EXPECT_EQ(config.anonKey, "anon");
-    EXPECT_FALSE(EnvironmentSettings::usesMockServices(AppEnvironmentMode::live, config));
-
-    const Json unexpanded = {{"SUPABASE_URL", "$(SUPABASE_URL)"}, {"SUPABASE_ANON_KEY", "anon"}};
-    EXPECT_EQ(EnvironmentSettings::detectMode(info(unexpanded), env), AppEnvironmentMode::mock);
-    const Json noKey = {{"SUPABASE_URL", "https://api.example.org"}, {"SUPABASE_ANON_KEY", ""}};
-    EXPECT_EQ(EnvironmentSettings::detectMode(info(noKey), env), AppEnvironmentMode::mock);
-    const Json notText = {{"SUPABASE_URL", 42}, {"SUPABASE_ANON_KEY", "anon"}};
-    EXPECT_EQ(EnvironmentSettings::detectMode(info(notText), env), AppEnvironmentMode::mock);
-    // An unknown forced value is ignored rather than trusted.
-    EXPECT_EQ(EnvironmentSettings::detectMode(info(full), fakeEnvironment({{"KAVELO_BACKEND", "Mock"}})),
-              AppEnvironmentMode::live);
-    EXPECT_EQ(EnvironmentSettings::detectMode(info(full), fakeEnvironment({{"KAVELO_BACKEND", "mock"}})),
-              AppEnvironmentMode::mock);
-
-    const Json mockHost = {{"SUPABASE_URL", "https://mock.example.org"}, {"SUPABASE_ANON_KEY", "anon"}};
-    const auto mockConfig = EnvironmentSettings::makeConfig(AppEnvironmentMode::live, info(mockHost), "/d");
-    EXPECT_TRUE(EnvironmentSettings::usesMockServices(AppEnvironmentMode::live, mockConfig));
+    EXPECT_EQ(EnvironmentSettings::dataDirectory(AppEnvironmentMode::live,
+                                                 fakeEnvironment({{"XDG_DATA_HOME", "/data"}})),
+              std::filesystem::path("/data/Kavely"));
 }
 
-TEST(EnvironmentSettings, InfoFileSwitchReplacesTheEmbeddedDictionary) {
+TEST(EnvironmentSettings, InfoFileSwitchReplacesTheEmbeddedDictionaryAndABrokenOneIsNamedWithItsReason) {
+    using Kind = EnvironmentError::Kind;
     const auto dir = std::filesystem::temp_directory_path() / ("kavely-info-" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
     const auto path = dir / "info.json";
-    {
+    auto write = [&](const std::string& text) {
         std::ofstream out(path);
-        out << R"({"SUPABASE_URL":"http://127.0.0.1:5999","SUPABASE_ANON_KEY":"k","CFBundleShortVersionString":"2.1.0"})";
-    }
-    const auto loaded = InfoDictionary::load(fakeEnvironment({{"KAVELO_INFO_FILE", path.string()}}));
+        out << text;
+    };
+    auto loadFrom = [](const std::filesystem::path& file) {
+        return InfoDictionary::load(fakeEnvironment({{"KAVELO_INFO_FILE", file.string()}}));
+    };
+    write(
+        R"({"SUPABASE_URL":"http://127.0.0.1:5999","SUPABASE_ANON_KEY":"k","CFBundleShortVersionString":"2.1.0"})");
+    const auto loaded = loadFrom(path);
     EXPECT_EQ(loaded.value("SUPABASE_URL"), "http://127.0.0.1:5999");
     EXPECT_EQ(EnvironmentSettings::makeConfig(AppEnvironmentMode::live, loaded, dir).appVersion, "2.1.0");
 
-    {
-        std::ofstream out(path);
-        out << "[not an object";
+    // The broken file's path reaches the message, so the user knows which switch to fix.
+    write(R"({"CFBundleShortVersionString":"2.1.0"})");
+    try {
+        (void)EnvironmentSettings::detectMode(loadFrom(path), fakeEnvironment({}));
+        ADD_FAILURE() << "a file without backend values chose a world";
+    } catch (const EnvironmentError& error) {
+        EXPECT_EQ(error.kind(), Kind::noBackendAddress);
+        EXPECT_NE(std::string(error.what()).find(path.string()), std::string::npos) << error.what();
     }
-    const auto broken = InfoDictionary::load(fakeEnvironment({{"KAVELO_INFO_FILE", path.string()}}));
-    EXPECT_FALSE(broken.value("SUPABASE_URL"));
-    EXPECT_FALSE(InfoDictionary::fromFile(dir / "absent.json").value("SUPABASE_URL"));
+    write("[not an object");
+    EXPECT_EQ(failureOf([&] { (void)loadFrom(path); }), Kind::infoFileNotAnObject);
+    write("[1, 2]");
+    EXPECT_EQ(failureOf([&] { (void)loadFrom(path); }), Kind::infoFileNotAnObject);
+    write(std::string(InfoDictionary::kMaxFileBytes + 1, ' '));
+    EXPECT_EQ(failureOf([&] { (void)loadFrom(path); }), Kind::infoFileNotAnObject);
+    EXPECT_EQ(failureOf([&] { (void)loadFrom(dir / "absent.json"); }), Kind::infoFileUnreadable);
+    EXPECT_EQ(failureOf([&] { (void)loadFrom(dir); }), Kind::infoFileUnreadable);
     std::filesystem::remove_all(dir);
 }
 

@@ -290,11 +290,11 @@ TEST(SecretServiceWithoutServiceTest, EveryFailureIsLoggedAndNothingIsThrown) {
     store.store.clear();
     auto lines = store.errors();
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0].rfind("keychain load faalde: OSStatus ", 0), 0u);
-    EXPECT_EQ(lines[1].rfind("keychain update faalde: OSStatus ", 0), 0u);
+    EXPECT_EQ(lines[0].rfind("Secret Service load faalde: status ", 0), 0u);
+    EXPECT_EQ(lines[1].rfind("Secret Service update faalde: status ", 0), 0u);
     EXPECT_TRUE(lines[1].ends_with(" — probeer delete+add"));
     EXPECT_TRUE(lines[2].ends_with(" — sessie leeft alleen in geheugen en overleeft de herstart niet"));
-    EXPECT_EQ(lines[3].rfind("keychain delete faalde: OSStatus ", 0), 0u);
+    EXPECT_EQ(lines[3].rfind("Secret Service delete faalde: status ", 0), 0u);
     for (const auto& line : lines) {
         EXPECT_EQ(line.find("refresh"), std::string::npos); // no token in any line
     }

@@ -82,7 +82,7 @@ TEST_F(MockRecorderTest, NumbersChunksThroughAPauseAndEndsWithTheFinalOne) {
     EXPECT_EQ(recorder->currentSystemAudioMode(), SystemAudioMode::app);
     step();
     step();
-    EXPECT_EQ(recorder->runtimeState(), (RecorderRuntimeState{true, false, false, 2, 2 * 98304}));
+    EXPECT_EQ(recorder->runtimeState(), (RecorderRuntimeState{true, false, false, 2, 2 * 98304, 0}));
 
     recorder->pause();
     step();

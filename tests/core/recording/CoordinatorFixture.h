@@ -31,6 +31,8 @@ class ScriptedRecorder final : public ForwardingRecorder {
     std::atomic<bool> failSwitch{false};
     std::atomic<bool> stopAnswersBeyondTheLastChunk{false}; // a final chunk that is never reported
     std::atomic<bool> holdBackFinalChunk{false};            // a final chunk reported only later
+    std::atomic<long long> bytesEncoded{-1};                // set: what the encoder made so far
+    std::atomic<long long> droppedCycles{0};                // audio the capture lost
 
     void setEventHandlers(RecorderEventHandlers handlers) override {
         auto onChunk = handlers.onAudioChunk;
@@ -61,6 +63,15 @@ class ScriptedRecorder final : public ForwardingRecorder {
             throw RecorderError::notRecording();
         }
         inner_->switchMicrophone(id);
+    }
+
+    RecorderRuntimeState runtimeState() override {
+        auto state = inner_->runtimeState();
+        if (bytesEncoded >= 0) {
+            state.totalBytesEncoded = bytesEncoded;
+        }
+        state.droppedCycles = droppedCycles;
+        return state;
     }
 
     std::optional<StartRecordingInput> started;

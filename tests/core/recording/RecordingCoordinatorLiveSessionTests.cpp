@@ -48,6 +48,22 @@ TEST_F(CoordinatorLiveSessionTest, FirstChunkWatchdogWarnsOnceAndTheNextChunkCle
     EXPECT_EQ(std::count(heard.begin(), heard.end(), P::recording), 2) << "the repeat fired nothing";
 }
 
+TEST_F(CoordinatorLiveSessionTest, AQuietMeetingIsNoMissingAudioAndLostCyclesReachTheDiagnostics) {
+    startRecording();
+    recorder->bytesEncoded = 520 * 30; // silent AAC: a chunk only after some three minutes
+    clock->advance(30);
+    EXPECT_EQ(coordinator->phase(), P::recording);
+    EXPECT_FALSE(coordinator->warnings().noAudio);
+
+    recorder->droppedCycles = 12;
+    coordinator->stopTapped();
+    coordinator->stopConfirmed();
+    const auto logs = diagnostics->payload({}).logs;
+    EXPECT_TRUE(std::any_of(logs.begin(), logs.end(), [](const DiagnosticsLogEntry& e) {
+        return e.level == "warn" && e.msg == "capture lost 12 audio cycles";
+    }));
+}
+
 TEST_F(CoordinatorLiveSessionTest, ChunksFromTheMockLoopKeepTheWatchdogQuiet) {
     behavior.chunkInterval = 10.0;
     build();
