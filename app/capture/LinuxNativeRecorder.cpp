@@ -120,6 +120,7 @@ void LinuxNativeRecorder::start(const StartRecordingInput& input) {
         startInput_ = input;
         sequence_ = 0;
         chunkBuffer_.clear();
+        journaled_ = {};
         totalBytesEncoded_ = 0;
         silentBufferCount_ = 0;
         consecutiveStaleChecks_ = 0;
@@ -471,15 +472,31 @@ std::vector<float> LinuxNativeRecorder::systemRingSnapshot() const {
 void LinuxNativeRecorder::appendEncodedData(const Bytes& data) {
     Bytes chunk;
     int sequence;
+    Bytes journal;
     {
         std::lock_guard lock(mutex_);
         chunkBuffer_.insert(chunkBuffer_.end(), data.begin(), data.end());
         totalBytesEncoded_ += static_cast<long long>(data.size());
         if (chunkBuffer_.size() < chunkCutBytes) {
-            return;
+            // About once a second the chunk being filled grows in its journal, so a crash loses no more.
+            const auto now = clock_->now();
+            if (secondsBetween(journaled_.at, now) < journalIntervalSeconds) {
+                return;
+            }
+            if (journaled_.sequence != sequence_ + 1) {
+                journaled_ = {sequence_ + 1, 0, journaled_.at}; // every cut starts a new journal
+            }
+            journal.assign(chunkBuffer_.begin() + long(journaled_.bytes), chunkBuffer_.end());
+            journaled_ = {sequence_ + 1, chunkBuffer_.size(), now};
+            sequence = sequence_ + 1;
+        } else {
+            sequence = ++sequence_;
+            chunk = std::exchange(chunkBuffer_, {});
         }
-        sequence = ++sequence_;
-        chunk = std::exchange(chunkBuffer_, {});
+    }
+    if (!journal.empty()) {
+        uploader_->journal(journal, sequence);
+        return;
     }
     emitChunk(chunk, sequence, false);
 }

@@ -59,6 +59,7 @@ class LinuxNativeRecorder final : public NativeRecorder,
     static constexpr int forcedRestartLimit = 3;
     static constexpr double restartPauseSeconds = 0.5;
     static constexpr double firstAudioWaitSeconds = 2.5;
+    static constexpr double journalIntervalSeconds = 1.0;
 
     static std::shared_ptr<LinuxNativeRecorder> make(Dependencies dependencies);
     ~LinuxNativeRecorder() override;
@@ -162,6 +163,11 @@ class LinuxNativeRecorder final : public NativeRecorder,
     int forceRestartCount_ = 0;                         // guarded by mutex_
     int silentBufferCount_ = 0;                         // guarded by mutex_
     std::deque<float> systemRing_;                      // guarded by mutex_
+    struct Journaled {
+        int sequence = 0;      // the chunk being filled whose journal was last fed
+        std::size_t bytes = 0; // how much of chunkBuffer_ that journal holds
+        TimePoint at{};
+    } journaled_; // guarded by mutex_
 };
 
 } // namespace kavelo

@@ -44,10 +44,27 @@ void SessionManager::setRefresher(Refresher refresher) {
     refresher_ = std::move(refresher);
 }
 
-SessionManager::ChangeObservers SessionManager::commitLocked(const AuthSession& session) {
+SessionManager::ChangeObservers SessionManager::commitLocked(const AuthSession& session,
+                                                             std::uint64_t& version) {
     current_ = session;
-    store_->save(session);
+    version = ++version_;
     return changeObservers_;
+}
+
+void SessionManager::persist(std::uint64_t version, std::optional<AuthSession> state) {
+    for (;;) {
+        if (state) {
+            store_->save(*state);
+        } else {
+            store_->clear();
+        }
+        std::lock_guard lock(mutex_);
+        if (version_ == version) {
+            return;
+        }
+        version = version_;
+        state = current_;
+    }
 }
 
 void SessionManager::notify(const ChangeObservers& observers, const State& state) {
@@ -58,23 +75,27 @@ void SessionManager::notify(const ChangeObservers& observers, const State& state
 
 void SessionManager::install(const AuthSession& session) {
     ChangeObservers observers;
+    std::uint64_t version = 0;
     {
         std::lock_guard lock(mutex_);
-        observers = commitLocked(session);
+        observers = commitLocked(session, version);
     }
+    persist(version, session);
     notify(observers, State::signedIn(session));
 }
 
 void SessionManager::signOut() {
     std::vector<std::function<void()>> signOutObservers;
     ChangeObservers changeObservers;
+    std::uint64_t version = 0;
     {
         std::lock_guard lock(mutex_);
         current_.reset();
-        store_->clear();
+        version = ++version_;
         signOutObservers = signOutObservers_;
         changeObservers = changeObservers_;
     }
+    persist(version, std::nullopt);
     for (const auto& observer : signOutObservers) {
         observer();
     }
@@ -149,6 +170,7 @@ AuthSession SessionManager::refreshSession() {
 
     ChangeObservers observers;
     AuthSession result;
+    std::uint64_t version = 0;
     {
         std::lock_guard lock(mutex_);
         if (!current_ || current_->refreshToken != flight->refreshToken) {
@@ -156,8 +178,9 @@ AuthSession SessionManager::refreshSession() {
             return fresh;
         }
         result = merged(std::move(fresh), current_->user);
-        observers = commitLocked(result);
+        observers = commitLocked(result, version);
     }
+    persist(version, result);
     notify(observers, State::signedIn(result));
     return result;
 }

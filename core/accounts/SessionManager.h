@@ -5,6 +5,7 @@
 #include "core/backend/AccessTokenProvider.h"
 #include "core/support/Clock.h"
 
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -22,9 +23,10 @@ namespace kavelo {
 // user changes or leaves. How a refresh is done is the refresher's business (the auth service, set by
 // the composition root); a failed refresh never signs the user out here.
 //
-// Thread-safety: every member may be called from any thread. One mutex guards all fields; the store's
-// save and clear run under it so memory and store change together and in the same order. Observers and
-// the refresher are called without the lock, so they may call back into the manager.
+// Thread-safety: every member may be called from any thread. One mutex guards all fields, never held
+// across the store's save and clear (a slow disk would stall every caller that only reads the token);
+// persist makes the store end as memory does. Observers and the refresher are called without the lock,
+// so they may call back into the manager.
 class SessionManager final : public AccessTokenProvider {
   public:
     // Turns a refresh token into a new session; throws on failure. Called on a thread of its own.
@@ -82,8 +84,13 @@ class SessionManager final : public AccessTokenProvider {
     };
     using ChangeObservers = std::vector<std::function<void(const State&)>>;
 
-    // Sets current_ and saves it; returns the change observers to call after unlocking. Needs the lock.
-    ChangeObservers commitLocked(const AuthSession& session);
+    // Sets current_ and counts the change; returns the change observers to call after unlocking. Needs the
+    // lock. The caller then persists the change.
+    ChangeObservers commitLocked(const AuthSession& session, std::uint64_t& version);
+    // Puts state (absent: signed out) in the store, outside the lock. A change made meanwhile by another
+    // thread may have reached the store first; then the newest state is written again, so the store ends
+    // as current_ does. Throws what the store throws.
+    void persist(std::uint64_t version, std::optional<AuthSession> state);
     static void notify(const ChangeObservers& observers, const State& state);
 
     const std::shared_ptr<SessionStore> store_;
@@ -95,6 +102,7 @@ class SessionManager final : public AccessTokenProvider {
     std::vector<std::function<void()>> signOutObservers_; // guarded by mutex_
     ChangeObservers changeObservers_;                     // guarded by mutex_
     std::shared_ptr<Flight> refreshInFlight_;             // guarded by mutex_
+    std::uint64_t version_ = 0;                           // guarded by mutex_; counts changes of current_
 };
 
 } // namespace kavelo

@@ -2,6 +2,7 @@
 
 #include "core/backend/HostedAnswer.h"
 #include "core/backend/SupabaseErrorText.h"
+#include "core/support/PercentEncoding.h"
 
 #include <curl/curl.h>
 
@@ -36,22 +37,6 @@ std::string withQuery(const std::string& url, const std::vector<std::pair<std::s
     std::string result = out;
     curl_free(out);
     return result;
-}
-
-// Percent-encodes a storage path, keeping its "/" separators.
-std::string encodePath(const std::string& path) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : path) {
-        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 0xF];
-        }
-    }
-    return out;
 }
 
 HTTPRequest makeRequest(std::string url, std::string method, std::map<std::string, std::string> headers,
@@ -106,7 +91,7 @@ Bytes SupabaseRestClient::run(HTTPRequest request) const {
 
 std::string SupabaseRestClient::tableURL(const std::string& table, const Filters& filters) const {
     std::vector<std::pair<std::string, std::string>> items(filters.begin(), filters.end());
-    return withQuery(config_.supabaseUrl + "/rest/v1/" + encodePath(table), items);
+    return withQuery(config_.supabaseUrl + "/rest/v1/" + PercentEncoding::path(table), items);
 }
 
 Bytes SupabaseRestClient::select(const std::string& table, const std::string& columns, const Filters& filters,
@@ -116,7 +101,7 @@ Bytes SupabaseRestClient::select(const std::string& table, const std::string& co
     if (limit) {
         items.emplace_back("limit", std::to_string(*limit));
     }
-    std::string url = withQuery(config_.supabaseUrl + "/rest/v1/" + encodePath(table), items);
+    std::string url = withQuery(config_.supabaseUrl + "/rest/v1/" + PercentEncoding::path(table), items);
     return run(makeRequest(std::move(url), "GET", headers(), std::nullopt, kRestTimeout));
 }
 
@@ -139,8 +124,8 @@ void SupabaseRestClient::deleteRows(const std::string& table, const Filters& fil
 }
 
 Bytes SupabaseRestClient::rpc(const std::string& name, const Bytes& body) const {
-    return run(makeRequest(config_.supabaseUrl + "/rest/v1/rpc/" + encodePath(name), "POST", headers(), body,
-                           kRestTimeout));
+    return run(makeRequest(config_.supabaseUrl + "/rest/v1/rpc/" + PercentEncoding::path(name), "POST",
+                           headers(), body, kRestTimeout));
 }
 
 std::string SupabaseRestClient::uploadStorageObject(const std::string& bucket, const std::string& path,
@@ -148,7 +133,7 @@ std::string SupabaseRestClient::uploadStorageObject(const std::string& bucket, c
     auto h = headers();
     h["Content-Type"] = contentType;
     h["x-upsert"] = "true";
-    const std::string object = encodePath(bucket) + "/" + encodePath(path);
+    const std::string object = PercentEncoding::path(bucket) + "/" + PercentEncoding::path(path);
     run(makeRequest(config_.supabaseUrl + "/storage/v1/object/" + object, "POST", std::move(h), data,
                     kStorageTimeout));
     return config_.supabaseUrl + "/storage/v1/object/public/" + object;

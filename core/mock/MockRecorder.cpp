@@ -15,7 +15,40 @@ RecorderStateChange stateChange(RecorderState state) {
     return change;
 }
 
+constexpr std::size_t kFrameBytes = 256;
+constexpr std::size_t kHeaderBytes = 7;
+
+// The header of one mono 48 kHz AAC-LC frame of the given length, as the real encoder writes it.
+void writeHeader(std::uint8_t* p, std::size_t length) {
+    p[0] = 0xFF;
+    p[1] = 0xF1;
+    p[2] = 0x4C;
+    p[3] = static_cast<std::uint8_t>(0x40 | ((length >> 11) & 0x03));
+    p[4] = static_cast<std::uint8_t>((length >> 3) & 0xFF);
+    p[5] = static_cast<std::uint8_t>(((length & 0x07) << 5) | 0x1F);
+    p[6] = 0xFC;
+}
+
 } // namespace
+
+Bytes MockRecorder::chunkContent(int sequence, std::size_t size) {
+    Bytes data(size, static_cast<std::uint8_t>(sequence % 251));
+    if (size < kFrameBytes) {
+        if (size >= kHeaderBytes) {
+            writeHeader(data.data(), size);
+        }
+        return data;
+    }
+    // Whole frames; the last one takes the remainder, staying far below the 13-bit length limit.
+    for (std::size_t offset = 0; offset < size; offset += kFrameBytes) {
+        const bool last = size - offset < 2 * kFrameBytes;
+        writeHeader(data.data() + offset, last ? size - offset : kFrameBytes);
+        if (last) {
+            break;
+        }
+    }
+    return data;
+}
 
 MockRecorder::MockRecorder(Behavior behavior, std::shared_ptr<Clock> clock,
                            std::shared_ptr<UploadWorker> uploader)
@@ -92,6 +125,7 @@ void MockRecorder::start(const StartRecordingInput& input) {
         std::lock_guard lock(mutex_);
         active_ = true;
         sequence_ = 0;
+        slicesFilled_ = 0;
         if (!input.microphoneDeviceId.empty()) {
             currentMicrophoneId_ = input.microphoneDeviceId;
         }
@@ -102,7 +136,8 @@ void MockRecorder::start(const StartRecordingInput& input) {
     cancelChunkLoop();
     // The loop holds the recorder only for one step at a time, so dropping the recorder ends it.
     std::weak_ptr<MockRecorder> weak = weak_from_this();
-    auto task = Task::run([weak, clock = clock_, interval = behavior_.chunkInterval] {
+    const double step = behavior_.chunkInterval / std::max(1, behavior_.journalSlices);
+    auto task = Task::run([weak, clock = clock_, interval = step] {
         for (;;) {
             try {
                 clock->sleep(interval);
@@ -126,17 +161,41 @@ void MockRecorder::start(const StartRecordingInput& input) {
 void MockRecorder::chunkLoopStep() {
     std::optional<int> produced;
     std::function<void(double, double)> onLevel;
+    std::shared_ptr<UploadWorker> uploader;
     double micLevel = 0;
     double systemLevel = 0;
+    const int slices = std::max(1, behavior_.journalSlices);
+    int slice = 0;
+    bool filling = false;
     {
         std::lock_guard lock(mutex_);
         if (!active_ || paused_) {
             return;
         }
-        produced = ++sequence_;
+        slice = slicesFilled_++;
+        filling = slicesFilled_ < slices;
+        if (filling) {
+            produced = sequence_ + 1; // still filling: this step's share goes to the journal only
+            uploader = uploader_;
+        } else {
+            slicesFilled_ = 0;
+            produced = ++sequence_;
+        }
         onLevel = handlers_.onLevel;
         micLevel = std::uniform_real_distribution<double>(0.1, 0.7)(random_);
         systemLevel = std::uniform_real_distribution<double>(0.05, 0.5)(random_);
+    }
+    if (filling) {
+        if (!uploader) {
+            return;
+        }
+        // The share of this step, cut at frame boundaries as the real encoder delivers whole frames.
+        const auto content = chunkContent(*produced, static_cast<std::size_t>(behavior_.chunkBytes));
+        const std::size_t frames = content.size() / kFrameBytes;
+        const auto from = long(frames * std::size_t(slice) / std::size_t(slices) * kFrameBytes);
+        const auto to = long(frames * std::size_t(slice + 1) / std::size_t(slices) * kFrameBytes);
+        uploader->journal(Bytes(content.begin() + from, content.begin() + to), *produced);
+        return;
     }
     emitChunk(*produced, false);
     if (onLevel) {
@@ -153,8 +212,8 @@ void MockRecorder::emitChunk(int sequence, bool isFinal) {
         onChunk = handlers_.onAudioChunk;
     }
     if (uploader) {
-        Bytes data(static_cast<std::size_t>(behavior_.chunkBytes), static_cast<std::uint8_t>(sequence % 251));
-        uploader->enqueue(data, sequence, isFinal, 48000.0, 1);
+        uploader->enqueue(chunkContent(sequence, static_cast<std::size_t>(behavior_.chunkBytes)), sequence,
+                          isFinal, 48000.0, 1);
     }
     if (onChunk) {
         onChunk(AudioChunkEvent{sequence, behavior_.chunkBytes, isFinal, 48000.0, 1});

@@ -11,9 +11,12 @@
 
 namespace kavelo {
 
-// A recorder without audio hardware: every chunkInterval it cuts a chunk of chunkBytes bytes, all of
-// the value sequence % 251, hands it to the upload worker and reports it. With it the whole recording
-// road runs in mock mode and in unit tests. The scenario operations below drive warnings by hand.
+// A recorder without audio hardware: every chunkInterval it cuts a chunk of chunkBytes bytes, hands it to
+// the upload worker and reports it. A chunk is a run of well-formed ADTS frames whose payload bytes all
+// hold sequence % 251, so recovery treats it as it treats real audio. Like the real recorder it fills the
+// chunk in journalSlices steps and hands each step's bytes to the worker's journal before the cut. With it
+// the whole recording road runs in mock mode and in unit tests. The scenario operations below drive
+// warnings by hand.
 //
 // Thread-safety: any thread. Handlers are copied under the lock and called outside it, so a handler may
 // call back in. The chunk loop holds the recorder weakly; create instances with std::make_shared.
@@ -22,6 +25,7 @@ class MockRecorder final : public NativeRecorder, public std::enable_shared_from
     struct Behavior {
         double chunkInterval = 1.0; // seconds
         long long chunkBytes = 98304;
+        int journalSlices = 4; // steps of chunkInterval / journalSlices; 1: no journal, the cut at once
         bool failStart = false;
         bool failPause = false;
         int failResumeTimes = 0;
@@ -58,6 +62,9 @@ class MockRecorder final : public NativeRecorder, public std::enable_shared_from
     std::vector<FailedChunk> failedChunks() override;
     std::map<std::string, std::string> diagnosticsSnapshot() override;
 
+    // The mock audio of one chunk: whole frames of 256 bytes (the last one takes the remainder).
+    static Bytes chunkContent(int sequence, std::size_t size);
+
     // Scenario operations.
     void simulateSilentAudio();
     void simulateDeviceLoss();
@@ -83,6 +90,7 @@ class MockRecorder final : public NativeRecorder, public std::enable_shared_from
     std::shared_ptr<UploadWorker> uploader_; // guarded by mutex_
     Task chunkTask_;                         // guarded by mutex_
     int sequence_ = 0;                       // guarded by mutex_
+    int slicesFilled_ = 0;                   // guarded by mutex_; of the chunk being filled
     bool active_ = false;                    // guarded by mutex_
     bool paused_ = false;                    // guarded by mutex_
     int resumeFailuresLeft_;                 // guarded by mutex_

@@ -51,14 +51,6 @@ std::optional<Bytes> readRegularFile(const std::filesystem::path& path, std::siz
     return data;
 }
 
-void fsyncDirectory(const std::filesystem::path& dir) {
-    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        ::fsync(fd);
-        ::close(fd);
-    }
-}
-
 } // namespace
 
 FileRecoveryStore::FileRecoveryStore(const std::filesystem::path& directory) : url_(directory / fileName) {
@@ -70,7 +62,6 @@ FileRecoveryStore::FileRecoveryStore(const std::filesystem::path& directory) : u
 }
 
 std::optional<RecordingManifest> FileRecoveryStore::load() {
-    std::lock_guard lock(mutex_);
     auto bytes = readRegularFile(url_, maxFileBytes);
     if (!bytes) {
         return std::nullopt;
@@ -83,23 +74,25 @@ std::optional<RecordingManifest> FileRecoveryStore::load() {
 }
 
 void FileRecoveryStore::save(const RecordingManifest& manifest) {
-    std::lock_guard lock(mutex_);
+    Bytes bytes;
     try {
-        auto bytes = CoreJSON::encodeBytes(manifest.toJson());
+        bytes = CoreJSON::encodeBytes(manifest.toJson());
         // JSON has no form for a non-finite number: such a value would come out as null and make the file
         // unreadable. That is an encoding failure, and the earlier file must stand.
         RecordingManifest::fromJson(CoreJSON::decode(bytes));
-        writeFileAtomically(url_, bytes, 0600);
-    } catch (...) {
-        // The earlier file stands; the next save tries again.
+    } catch (const std::exception& e) {
+        throw std::system_error(std::make_error_code(std::errc::invalid_argument),
+                                std::string("manifest cannot be encoded: ") + e.what());
     }
+    writeFileAtomically(url_, bytes, 0600);
 }
 
 void FileRecoveryStore::clear() {
-    std::lock_guard lock(mutex_);
     if (::unlink(url_.c_str()) == 0) {
         // Without this a crash of the machine could bring a finished recording back at the next start.
         fsyncDirectory(url_.parent_path());
+    } else if (errno != ENOENT) {
+        throw std::system_error(errno, std::generic_category(), "remove " + url_.string());
     }
 }
 

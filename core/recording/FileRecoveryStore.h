@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <mutex>
 
 namespace kavelo {
 
@@ -15,7 +14,8 @@ namespace kavelo {
 // The file is untrusted on reading. Anything but a regular file of sensible size that decodes to a manifest
 // with a usable recording id reads as absent and is left where it is; the next save replaces it.
 //
-// Thread-safety: any thread; mutex_ makes each operation atomic against the others.
+// Thread-safety: any thread. The object holds nothing that changes, so it needs no lock: each save lands
+// whole through a rename, and the order of two saves from two threads is the order of their renames.
 class FileRecoveryStore final : public RecoveryStore {
   public:
     static constexpr const char* fileName = "active_recording.json";
@@ -24,7 +24,7 @@ class FileRecoveryStore final : public RecoveryStore {
     static constexpr std::size_t maxFileBytes = 1024 * 1024;
 
     // Creates directory (0700 for new levels) and its parents; a failure shows later as absent loads and
-    // dropped saves.
+    // failing saves.
     explicit FileRecoveryStore(const std::filesystem::path& directory);
 
     [[nodiscard]] const std::filesystem::path& url() const { return url_; }
@@ -35,7 +35,6 @@ class FileRecoveryStore final : public RecoveryStore {
 
   private:
     const std::filesystem::path url_;
-    std::mutex mutex_;
 };
 
 } // namespace kavelo

@@ -497,12 +497,29 @@ void RecordingCoordinator::startRecording(const PreflightContext& context) {
     manifest.startedAt = startedAt;
     manifest.meetingName = context.meetingName;
     manifest.userId = context.user.id;
-    recoveryStore_->save(manifest);
+    saveManifest(manifest);
 
     fire(RecordingEvent::nativeStartSucceeded());
     startNoChunkWatchdog();
     log(LogLevel::info, "recording started mic=" + context.microphoneDeviceId +
                             " systemAudio=" + std::string(toRaw(context.systemAudioMode)));
+}
+
+void RecordingCoordinator::saveManifest(const RecordingManifest& manifest) {
+    try {
+        recoveryStore_->save(manifest);
+    } catch (const std::exception& e) {
+        log(LogLevel::error, std::string("recording manifest not saved: ") + e.what() +
+                                 " — after a crash this recording would come back as it was last saved");
+    }
+}
+
+void RecordingCoordinator::clearManifest() {
+    try {
+        recoveryStore_->clear();
+    } catch (const std::exception& e) {
+        log(LogLevel::error, std::string("recording manifest not removed: ") + e.what());
+    }
 }
 
 void RecordingCoordinator::sendDiagnostics(const std::string& recordingId, const std::string& userId,
@@ -577,7 +594,7 @@ void RecordingCoordinator::performStop() {
         manifest.recordingId = *recordingId;
         manifest.stage = RecordingManifest::Stage::stopped;
         manifest.lastSequence = last;
-        recoveryStore_->save(manifest);
+        saveManifest(manifest);
     }
     fire(RecordingEvent::nativeStopped(last));
     startBackgroundReconciliation();

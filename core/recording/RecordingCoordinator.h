@@ -60,6 +60,7 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
         double onDemandUploadWait = 12.0;
         double longRecordingThreshold = 600.0;
         std::int64_t minDiskBytes = 734003200; // 700 MiB
+        std::int64_t lowDiskBytes = 104857600; // 100 MiB, about two hours of audio: warn while recording
     };
 
     struct Services {
@@ -83,10 +84,11 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
         bool operator==(const TimerAnchor&) const = default;
     };
 
-    // discardedEmpty: the earlier process died before its first chunk, so nothing of it exists to report
-    // on. deferred: the server could not be asked (which chunks it holds, or to take the report request
-    // again); the manifest stays for the next sign-in. finishedFinalize: the earlier process had sent the
-    // report request; it has been confirmed with the server and the local copy removed.
+    // discardedEmpty: the earlier process died before its first chunk and before its journal held audio, so
+    // nothing of it exists to report on. deferred: the server could not be asked (which chunks it holds, or
+    // to take the report request again); the manifest stays for the next sign-in. finishedFinalize: the
+    // earlier process had sent the report request; it has been confirmed with the server and the local copy
+    // removed.
     enum class RecoveryDecisionKind {
         resumedActive,
         none,
@@ -218,9 +220,13 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     std::optional<RecoveryDecision> finishInterruptedFinalize(const RecordingManifest& manifest);
     // Writes the report request's state into the stored manifest of recordingId, if it is still there.
     void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
+    void sealJournalOfInterruptedCapture(const std::string& recordingId, const std::vector<int>& onServer);
     [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
     [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
     void setBlocker(StartBlocker blocker);
+    // The recovery store's operations; a refusal of the disk is logged as an error, never thrown.
+    void saveManifest(const RecordingManifest& manifest);
+    void clearManifest();
     static bool sleepAndContinue(Clock& clock, double seconds);
     static double millisecondsBetween(TimePoint from, TimePoint to);
     static std::vector<int> sequencesOf(const std::vector<FailedChunk>& failed);

@@ -157,7 +157,7 @@ void RecordingCoordinator::saveFinalizeState(const std::string& recordingId, con
     }
     manifest->finalizeRequest = request;
     manifest->finalizeAccepted = accepted;
-    recoveryStore_->save(*manifest);
+    saveManifest(*manifest);
 }
 
 void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordingId, int last,
@@ -205,7 +205,7 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
     // Audio first, then the manifest: a crash in between leaves an accepted manifest, whose relaunch only
     // finishes this clean-up.
     chunkStore_->removeAll(recordingId);
-    recoveryStore_->clear();
+    clearManifest();
     fire(RecordingEvent::finalizeSucceeded());
     notifyTick();
     if (hooks_.onFinalizeSuccess) {

@@ -23,11 +23,21 @@ void RecordingCoordinator::ingest(const NativeUploadEvent& uploadEvent) {
 }
 
 void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
+    // Each chunk is a moment to look at the disk while the recording runs, long before it fills.
+    const auto freeBytes = chunkStore_->availableDiskBytes();
+    const bool low = freeBytes && *freeBytes < timings_.lowDiskBytes;
     bool wasSilent = false;
+    bool becameLow = false;
     {
         std::lock_guard lock(mutex_);
         receivedSequences_.insert(event.sequence);
         wasSilent = std::exchange(warnings_.noAudio, false);
+        becameLow = low && !std::exchange(warnings_.diskSpaceLow, low);
+        warnings_.diskSpaceLow = low;
+    }
+    if (becameLow) {
+        log(LogLevel::warn,
+            "free disk space low while recording: " + std::to_string(*freeBytes >> 20) + " MiB");
     }
     diagnostics_->chunkReceived();
     if (wasSilent) {
@@ -138,6 +148,14 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
                                     " upload failed: " + event.message.value_or("-"));
         }
         break;
+    case NativeUploadEventKind::storeHeld: {
+        std::lock_guard lock(mutex_);
+        warnings_.diskFull = true;
+    } break;
+    case NativeUploadEventKind::storeResumed: {
+        std::lock_guard lock(mutex_);
+        warnings_.diskFull = false;
+    } break;
     case NativeUploadEventKind::urlFetchFailed:
         log(LogLevel::warn, "signed url fetch failed status=" +
                                 (event.statusCode ? std::to_string(*event.statusCode) : std::string("-")));
@@ -201,13 +219,13 @@ void RecordingCoordinator::pauseRecording() {
     manifest.stage = RecordingManifest::Stage::active;
     manifest.isPaused = true;
     manifest.pausedAt = now;
-    recoveryStore_->save(manifest);
+    saveManifest(manifest);
     try {
         recorder_->pause();
     } catch (const std::exception& e) {
         manifest.isPaused = false;
         manifest.pausedAt.reset();
-        recoveryStore_->save(manifest);
+        saveManifest(manifest);
         log(LogLevel::error, std::string("native pause failed: ") + e.what());
         notifyTick();
         return;
@@ -303,7 +321,7 @@ void RecordingCoordinator::resumeRecording() {
         startHeartbeatLoop();
         if (auto manifest = recoveryStore_->load()) {
             manifest->isPaused = true;
-            recoveryStore_->save(*manifest);
+            saveManifest(*manifest);
         }
         notifyTick();
         return;
@@ -322,7 +340,7 @@ void RecordingCoordinator::resumeRecording() {
         manifest->isPaused = false;
         manifest->pausedAt.reset();
         manifest->totalPausedMs = total;
-        recoveryStore_->save(*manifest);
+        saveManifest(*manifest);
     }
     fire(RecordingEvent::resumeSucceeded());
     startNoChunkWatchdog();

@@ -29,6 +29,7 @@ std::optional<int> RecordingCoordinator::lastChunkOfInterruptedCapture(const Rec
     if (!server.checked) {
         return std::nullopt;
     }
+    sealJournalOfInterruptedCapture(manifest.recordingId, server.uploadedSequences);
     int last = 0;
     for (const int sequence : storedChunks(manifest.recordingId)) {
         last = std::max(last, sequence);
@@ -62,7 +63,7 @@ RecordingCoordinator::finishInterruptedFinalize(const RecordingManifest& manifes
             log(LogLevel::warn, std::string("recovered report request refused: ") + e.what());
             RecordingManifest reviewed = manifest;
             reviewed.finalizeRequest.reset();
-            recoveryStore_->save(reviewed);
+            saveManifest(reviewed);
             return std::nullopt;
         } catch (const std::exception& e) {
             log(LogLevel::warn, std::string("recovered report request failed: ") + e.what());
@@ -70,11 +71,11 @@ RecordingCoordinator::finishInterruptedFinalize(const RecordingManifest& manifes
         }
         RecordingManifest accepted = manifest;
         accepted.finalizeAccepted = true;
-        recoveryStore_->save(accepted);
+        saveManifest(accepted);
     }
     log(LogLevel::info, "recovered recording: report request accepted — local copy removed");
     chunkStore_->removeAll(manifest.recordingId);
-    recoveryStore_->clear();
+    clearManifest();
     if (hooks_.onFinalizeSuccess) {
         const auto& request = *manifest.finalizeRequest;
         hooks_.onFinalizeSuccess(request.meetingName,
@@ -82,6 +83,22 @@ RecordingCoordinator::finishInterruptedFinalize(const RecordingManifest& manifes
                                  request.recipients);
     }
     return RecoveryDecision::finishedFinalize();
+}
+
+void RecordingCoordinator::sealJournalOfInterruptedCapture(const std::string& recordingId,
+                                                           const std::vector<int>& onServer) {
+    // The chunk being filled when the process died lives on in its journal, synced about a second before
+    // the end; sealed, it becomes the recording's last chunk and counts like any other.
+    try {
+        const auto sealed =
+            chunkStore_->sealJournals(recordingId, std::set<int>(onServer.begin(), onServer.end()));
+        for (const int sequence : sealed) {
+            log(LogLevel::info, "recovered capture: journal sealed as chunk " + std::to_string(sequence));
+        }
+    } catch (const std::exception& e) {
+        log(LogLevel::error, std::string("journal of the interrupted capture not sealed: ") + e.what() +
+                                 " — it stays on disk for the next recovery");
+    }
 }
 
 RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(const AuthUser& user,
@@ -125,7 +142,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
                 // Nothing was cut: the backend has nothing to report on, and a manifest kept for it would
                 // block every later recording.
                 log(LogLevel::warn, "recovered capture ended before its first chunk — discarded");
-                recoveryStore_->clear();
+                clearManifest();
                 return RecoveryDecision::discardedEmpty();
             }
             const TimePoint now = clock_->now();
@@ -140,7 +157,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
             m.lastSequence = *last;
             m.elapsedSeconds =
                 static_cast<int>(std::max(0.0, secondsBetween(m.startedAt, now) - m.totalPausedMs / 1000));
-            recoveryStore_->save(m);
+            saveManifest(m);
             log(LogLevel::info, "recovered capture settled as stopped at chunk " + std::to_string(*last));
         }
     }

@@ -18,77 +18,76 @@ void RecordingCoordinator::startBackgroundReconciliation() {
     if (!recordingId || !last || *last < 1) {
         return;
     }
-    startTask(
-        &RecordingCoordinator::preverifyTask_,
-        [id = *recordingId, last = *last, api = api_, uploader = uploader_, chunkStore = chunkStore_,
-         clock = clock_](std::weak_ptr<RecordingCoordinator> weak) {
-            auto inRange = [last](const std::vector<int>& list) {
-                std::vector<int> kept;
-                std::copy_if(list.begin(), list.end(), std::back_inserter(kept),
-                             [last](int s) { return s >= 1 && s <= last; });
-                return kept;
-            };
-            for (int round = 0; round < 60; ++round) {
-                if (Task::isCurrentCancelled()) {
+    startTask(&RecordingCoordinator::preverifyTask_, [id = *recordingId, last = *last, api = api_,
+                                                      uploader = uploader_, clock = clock_](
+                                                         std::weak_ptr<RecordingCoordinator> weak) {
+        auto inRange = [last](const std::vector<int>& list) {
+            std::vector<int> kept;
+            std::copy_if(list.begin(), list.end(), std::back_inserter(kept),
+                         [last](int s) { return s >= 1 && s <= last; });
+            return kept;
+        };
+        for (int round = 0; round < 60; ++round) {
+            if (Task::isCurrentCancelled()) {
+                return;
+            }
+            {
+                auto self = weak.lock();
+                if (!self) {
                     return;
                 }
+                auto phase = self->phase();
+                if (phase != RecordingPhase::processingMapping && phase != RecordingPhase::speakerReview &&
+                    phase != RecordingPhase::shareReview) {
+                    return;
+                }
+            }
+            ChunkReconciliation answer;
+            try {
+                answer = api->listRecordingChunks(id);
+            } catch (...) {
+                answer = ChunkReconciliation::unchecked();
+            }
+            // An unchecked answer says nothing either way.
+            if (answer.checked) {
+                auto onServer = inRange(answer.uploadedSequences);
+                // The queue deletes their files: behind its back a file it is about to send would
+                // vanish and the chunk would be parked as missing.
+                uploader->acceptServerAcks(onServer);
+                auto missing = inRange(answer.missing);
+                std::set<int> known;
                 {
                     auto self = weak.lock();
                     if (!self) {
                         return;
                     }
-                    auto phase = self->phase();
-                    if (phase != RecordingPhase::processingMapping &&
-                        phase != RecordingPhase::speakerReview && phase != RecordingPhase::shareReview) {
-                        return;
+                    std::lock_guard lock(self->mutex_);
+                    self->localUploaded_.insert(onServer.begin(), onServer.end());
+                    known = self->localUploaded_;
+                }
+                for (int s : uploader->uploadedSequences()) {
+                    known.insert(s);
+                }
+                std::set<int> toSend(missing.begin(), missing.end());
+                for (int s = 1; s <= last; ++s) {
+                    if (!known.count(s)) {
+                        toSend.insert(s);
                     }
                 }
-                ChunkReconciliation answer;
-                try {
-                    answer = api->listRecordingChunks(id);
-                } catch (...) {
-                    answer = ChunkReconciliation::unchecked();
-                }
-                // An unchecked answer says nothing either way.
-                if (answer.checked) {
-                    auto onServer = inRange(answer.uploadedSequences);
-                    for (int sequence : onServer) {
-                        chunkStore->remove(id, sequence);
+                if (toSend.empty()) {
+                    if (auto self = weak.lock()) {
+                        self->log(LogLevel::info, "pre-verificatie compleet: alle " + std::to_string(last) +
+                                                      " chunks op de server");
                     }
-                    auto missing = inRange(answer.missing);
-                    std::set<int> known;
-                    {
-                        auto self = weak.lock();
-                        if (!self) {
-                            return;
-                        }
-                        std::lock_guard lock(self->mutex_);
-                        self->localUploaded_.insert(onServer.begin(), onServer.end());
-                        known = self->localUploaded_;
-                    }
-                    for (int s : uploader->uploadedSequences()) {
-                        known.insert(s);
-                    }
-                    std::set<int> toSend(missing.begin(), missing.end());
-                    for (int s = 1; s <= last; ++s) {
-                        if (!known.count(s)) {
-                            toSend.insert(s);
-                        }
-                    }
-                    if (toSend.empty()) {
-                        if (auto self = weak.lock()) {
-                            self->log(LogLevel::info, "pre-verificatie compleet: alle " +
-                                                          std::to_string(last) + " chunks op de server");
-                        }
-                        return;
-                    }
-                    uploader->requeue({toSend.begin(), toSend.end()});
-                }
-                if (!sleepAndContinue(*clock, 2.0)) {
                     return;
                 }
+                uploader->requeue({toSend.begin(), toSend.end()});
             }
-        });
+            if (!sleepAndContinue(*clock, 2.0)) {
+                return;
+            }
+        }
+    });
 }
 
 void RecordingCoordinator::setProcessingLine(ProcessingLine line) {

@@ -6,8 +6,9 @@
 
 namespace kavelo {
 
-// Where the manifest of the one recording in progress is kept. Never reports a failure: a damaged or
-// missing manifest reads as absent, and a failed write leaves the earlier one standing.
+// Where the manifest of the one recording in progress is kept. A damaged or missing manifest reads as
+// absent. A save or clear that the disk refuses throws std::system_error and leaves the earlier manifest
+// standing: the caller must tell that a crash would not bring the recording back as it now stands.
 class RecoveryStore {
   public:
     virtual ~RecoveryStore() = default;

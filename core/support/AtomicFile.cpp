@@ -35,14 +35,53 @@ class FileDescriptor {
     int fd_;
 };
 
-void fsyncDirectory(const std::filesystem::path& dir) {
-    FileDescriptor fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() >= 0) {
-        ::fsync(fd.get()); // a directory that cannot be synced still holds the renamed entry
+void writeAll(int fd, const Bytes& data, const std::string& what) {
+    std::size_t written = 0;
+    while (written < data.size()) {
+        auto n = ::write(fd, data.data() + written, data.size() - written);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throwErrno("write " + what);
+        }
+        written += static_cast<std::size_t>(n);
     }
 }
 
 } // namespace
+
+void fsyncDirectory(const std::filesystem::path& dir) {
+    const auto name = dir.empty() ? std::filesystem::path(".") : dir;
+    FileDescriptor fd(::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        throwErrno("open directory " + name.string());
+    }
+    // Some file systems cannot sync a directory at all (EINVAL); they keep no such state to lose.
+    if (::fsync(fd.get()) != 0 && errno != EINVAL) {
+        throwErrno("fsync directory " + name.string());
+    }
+}
+
+void appendFileDurably(const std::filesystem::path& path, const Bytes& data, unsigned mode) {
+    int raw = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    bool created = false;
+    if (raw < 0 && errno == ENOENT) {
+        raw = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        created = true;
+    }
+    FileDescriptor fd(raw);
+    if (fd.get() < 0) {
+        throwErrno("open " + path.string());
+    }
+    writeAll(fd.get(), data, path.string());
+    if (::fsync(fd.get()) != 0) {
+        throwErrno("fsync " + path.string());
+    }
+    if (created) {
+        fsyncDirectory(path.parent_path());
+    }
+}
 
 void writeFileAtomically(const std::filesystem::path& path, const Bytes& data, unsigned mode) {
     auto dir = path.parent_path();
@@ -56,17 +95,11 @@ void writeFileAtomically(const std::filesystem::path& path, const Bytes& data, u
         cleanup();
         throwErrno("chmod " + tmpl);
     }
-    std::size_t written = 0;
-    while (written < data.size()) {
-        auto n = ::write(fd.get(), data.data() + written, data.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            cleanup();
-            throwErrno("write " + tmpl);
-        }
-        written += static_cast<std::size_t>(n);
+    try {
+        writeAll(fd.get(), data, tmpl);
+    } catch (...) {
+        cleanup();
+        throw;
     }
     if (::fsync(fd.get()) != 0) {
         cleanup();
@@ -87,7 +120,9 @@ void createPrivateDirectories(const std::filesystem::path& dir, unsigned mode) {
     std::filesystem::path current;
     for (const auto& part : dir) {
         current /= part;
-        if (::mkdir(current.c_str(), mode) != 0 && errno != EEXIST) {
+        if (::mkdir(current.c_str(), mode) == 0) {
+            fsyncDirectory(current.has_parent_path() ? current.parent_path() : std::filesystem::path("."));
+        } else if (errno != EEXIST) {
             throwErrno("create directory " + current.string());
         }
     }

@@ -1,15 +1,68 @@
 #include "core/transport/ChunkStore.h"
 
 #include "core/support/AtomicFile.h"
+#include "core/support/PosixFileWriter.h"
+#include "core/support/RecordingLimits.h"
+#include "core/transport/AdtsFrames.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <fstream>
 #include <sys/statvfs.h>
 
 namespace kavelo {
 
-ChunkStore::ChunkStore(std::filesystem::path root) : root_(std::move(root)) {}
+namespace {
+
+constexpr std::string_view kChunkSuffix = ".aac";
+constexpr std::string_view kJournalSuffix = ".journal";
+
+// The sequences of the files in dir named <number><suffix>, ascending.
+std::vector<int> numberedFiles(const std::filesystem::path& dir, std::string_view suffix) {
+    std::vector<int> sequences;
+    std::error_code ec;
+    std::filesystem::directory_iterator it(dir, ec);
+    if (ec) {
+        return sequences;
+    }
+    for (const auto& entry : it) {
+        std::string name = entry.path().filename().string();
+        if (name.size() <= suffix.size() || !name.ends_with(suffix)) {
+            continue;
+        }
+        std::string_view digits(name.data(), name.size() - suffix.size());
+        int value = 0;
+        auto [ptr, err] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        // A name no chunk of ours can have (a planted 2147483647.aac) must not become a range to walk.
+        if (err != std::errc() || ptr != digits.data() + digits.size() || !RecordingLimits::isSequence(value)) {
+            continue;
+        }
+        sequences.push_back(value);
+    }
+    std::sort(sequences.begin(), sequences.end());
+    return sequences;
+}
+
+// At most limit bytes of a file; absent when it cannot be read.
+std::optional<Bytes> readAtMost(const std::filesystem::path& path, std::size_t limit) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return std::nullopt;
+    }
+    Bytes data(limit);
+    in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(limit));
+    if (in.bad()) {
+        return std::nullopt;
+    }
+    data.resize(static_cast<std::size_t>(in.gcount()));
+    return data;
+}
+
+} // namespace
+
+ChunkStore::ChunkStore(std::filesystem::path root, std::shared_ptr<FileWriter> writer)
+    : root_(std::move(root)), writer_(writer ? std::move(writer) : std::make_shared<PosixFileWriter>()) {}
 
 ChunkStore::UnstorableRecordingId::UnstorableRecordingId()
     : std::invalid_argument("recording id cannot name a chunk folder") {}
@@ -108,10 +161,64 @@ void ChunkStore::prepareDirectory(const std::string& recordingId) const {
 }
 
 long long ChunkStore::store(const std::string& recordingId, int sequence, const Bytes& data) {
-    std::lock_guard lock(mutex_);
     prepareDirectory(recordingId);
-    writeFileAtomically(chunkURL(recordingId, sequence), data, 0600);
+    writer_->replace(chunkURL(recordingId, sequence), data, 0600);
+    // The chunk holds all the journal held. Should this removal not survive a crash, sealJournals finds
+    // the chunk beside the journal and drops the journal then.
+    removeJournal(recordingId, sequence);
     return static_cast<long long>(data.size());
+}
+
+std::filesystem::path ChunkStore::journalURL(const std::string& recordingId, int sequence) const {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%05d", sequence);
+    return chunkDirectory(recordingId) / (std::string(buf) + std::string(kJournalSuffix));
+}
+
+void ChunkStore::appendJournal(const std::string& recordingId, int sequence, const Bytes& data) {
+    prepareDirectory(recordingId);
+    writer_->append(journalURL(recordingId, sequence), data, 0600);
+}
+
+void ChunkStore::replaceJournal(const std::string& recordingId, int sequence, const Bytes& data) {
+    prepareDirectory(recordingId);
+    writer_->replace(journalURL(recordingId, sequence), data, 0600);
+}
+
+void ChunkStore::removeJournal(const std::string& recordingId, int sequence) const {
+    std::error_code ec;
+    std::filesystem::remove(journalURL(recordingId, sequence), ec);
+}
+
+std::vector<int> ChunkStore::journalSequences(const std::string& recordingId) const {
+    if (!folderName(recordingId)) {
+        return {};
+    }
+    return numberedFiles(chunkDirectory(recordingId), kJournalSuffix);
+}
+
+std::vector<int> ChunkStore::sealJournals(const std::string& recordingId, const std::set<int>& serverHeld) {
+    std::vector<int> written;
+    for (const int first : journalSequences(recordingId)) {
+        if (serverHeld.contains(first) || exists(recordingId, first)) {
+            removeJournal(recordingId, first);
+            continue;
+        }
+        const auto data = readAtMost(journalURL(recordingId, first), maxJournalBytes);
+        if (!data) {
+            continue; // unreadable now; the next recovery tries again
+        }
+        int sequence = first;
+        for (const auto& chunk : AdtsFrames::cut(*data, cutBytes)) {
+            if (!serverHeld.contains(sequence) && !exists(recordingId, sequence)) {
+                store(recordingId, sequence, chunk);
+                written.push_back(sequence);
+            }
+            ++sequence;
+        }
+        removeJournal(recordingId, first);
+    }
+    return written;
 }
 
 std::optional<Bytes> ChunkStore::read(const std::string& recordingId, int sequence) const {
@@ -140,30 +247,10 @@ void ChunkStore::remove(const std::string& recordingId, int sequence) const {
 }
 
 std::vector<int> ChunkStore::storedSequences(const std::string& recordingId) const {
-    std::vector<int> sequences;
     if (!folderName(recordingId)) {
-        return sequences;
+        return {};
     }
-    std::error_code ec;
-    std::filesystem::directory_iterator it(chunkDirectory(recordingId), ec);
-    if (ec) {
-        return sequences;
-    }
-    for (const auto& entry : it) {
-        std::string name = entry.path().filename().string();
-        if (name.size() <= 4 || !name.ends_with(".aac")) {
-            continue;
-        }
-        std::string_view digits(name.data(), name.size() - 4);
-        int value = 0;
-        auto [ptr, err] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-        if (err != std::errc() || ptr != digits.data() + digits.size()) {
-            continue;
-        }
-        sequences.push_back(value);
-    }
-    std::sort(sequences.begin(), sequences.end());
-    return sequences;
+    return numberedFiles(chunkDirectory(recordingId), kChunkSuffix);
 }
 
 void ChunkStore::removeAll(const std::string& recordingId) const {

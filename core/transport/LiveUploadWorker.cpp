@@ -3,6 +3,7 @@
 #include "core/backend/APIError.h"
 #include "core/backend/Backoff.h"
 #include "core/backend/HostedAnswer.h"
+#include "core/support/PercentEncoding.h"
 #include "core/support/Task.h"
 #include "core/support/Time.h"
 
@@ -10,6 +11,7 @@
 #include <condition_variable>
 #include <deque>
 #include <future>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
@@ -38,24 +40,6 @@ struct DrainSignals {
         cv.notify_all();
     }
 };
-
-// Keeps the identifier as it came, "/" and ":" included, and escapes only what cannot stand in a path.
-std::string encodePathPart(const std::string& text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : text) {
-        bool plain = std::isalnum(c) || std::string_view("-._~!$&'()*+,;=:@/").find(static_cast<char>(c)) !=
-                                            std::string_view::npos;
-        if (plain) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 0xF];
-        }
-    }
-    return out;
-}
 
 std::string withoutTrailingSlash(std::string url) {
     while (!url.empty() && url.back() == '/') {
@@ -94,6 +78,7 @@ class LiveUploadWorker::Engine : public std::enable_shared_from_this<LiveUploadW
                    const std::string& supabaseUrl, const std::string& anonKey,
                    const std::optional<std::string>& authToken);
     void enqueue(const Bytes& data, int sequence, bool isFinal);
+    void journal(const Bytes& appended, int sequence);
     void scheduleDrain();
     void acceptServerAcks(const std::vector<int>& sequences);
     void requeue(const std::vector<int>& sequences);
@@ -127,8 +112,20 @@ class LiveUploadWorker::Engine : public std::enable_shared_from_this<LiveUploadW
         std::uint64_t generation = 0;
     };
 
+    // A chunk the disk has not taken yet, with the recording it belongs to (configure may come between).
+    struct HeldChunk {
+        std::string recordingId;
+        int sequence = 0;
+        Bytes data;
+        bool isFinal = false;
+    };
+
     static void drainLoop(const std::weak_ptr<Engine>& weak, std::uint64_t generation,
                           const std::shared_ptr<DrainSignals>& signals);
+    // Writes the held chunks oldest first, on one thread at a time; stops at the first the disk refuses.
+    void writeHeldChunks();
+    void scheduleDiskRetry();
+    void keepTask(const Task& task);
     static void upload(const std::weak_ptr<Engine>& weak, const Job& job);
 
     std::optional<Job> nextPendingSequence(std::uint64_t generation);
@@ -167,17 +164,38 @@ class LiveUploadWorker::Engine : public std::enable_shared_from_this<LiveUploadW
     std::vector<Task> tasks_;                    // guarded by mutex_; drain tasks not known to be finished
     bool stopped_ = false;                       // guarded by mutex_; the owner is going
     EventHandler onEvent_;                       // guarded by mutex_
+    std::deque<HeldChunk> held_;                 // guarded by mutex_; chunks not yet on disk, oldest first
+    long long heldBytes_ = 0;                    // guarded by mutex_
+    bool writingHeld_ = false;                   // guarded by mutex_; a thread is in writeHeldChunks
+    bool diskRefusing_ = false;                  // guarded by mutex_; the last write of a chunk failed
+    bool diskRetryScheduled_ = false;            // guarded by mutex_
+    std::string journalRecordingId_;             // guarded by mutex_; the journal being fed
+    int journalSequence_ = 0;                    // guarded by mutex_
+    Bytes journalBytes_;                         // guarded by mutex_; what that journal should hold
+    bool journalTorn_ = false;                   // guarded by mutex_; the file may end in a failed append
+    bool journalWarned_ = false;                 // guarded by mutex_; one log line per refusing episode
 };
 
 void LiveUploadWorker::Engine::shutDown() {
     std::vector<Task> tasks;
     EventHandler handler;
+    std::vector<int> lost;
     {
         std::lock_guard lock(mutex_);
         stopped_ = true;
         tasks = std::move(tasks_);
         handler = std::move(onEvent_);
         onEvent_ = nullptr;
+        for (const auto& chunk : held_) {
+            lost.push_back(chunk.sequence);
+        }
+    }
+    if (!lost.empty()) {
+        std::string list;
+        for (int sequence : lost) {
+            list += (list.empty() ? "" : ",") + std::to_string(sequence);
+        }
+        logger_->error("the disk never took chunks " + list + "; their audio is lost with this process");
     }
     for (const auto& task : tasks) {
         task.cancel();
@@ -232,53 +250,226 @@ void LiveUploadWorker::Engine::configure(const std::string& recordingId,
 
 void LiveUploadWorker::Engine::enqueue(const Bytes& data, int sequence, bool isFinal) {
     std::optional<std::string> recordingId;
-    std::uint64_t generation = 0;
+    bool overBound = false;
+    long long heldBytes = 0;
     {
         std::lock_guard lock(mutex_);
         recordingId = recordingId_;
-        generation = generation_;
+        if (recordingId) {
+            // One chunk is always kept, so the bound only ever refuses audio after a long full disk.
+            overBound =
+                !held_.empty() && heldBytes_ + static_cast<long long>(data.size()) > config_.maxHeldBytes;
+            if (overBound) {
+                failedChunksMap_[sequence] = "Disk full: memory for unwritten audio is full, chunk dropped";
+            } else {
+                held_.push_back({*recordingId, sequence, data, isFinal});
+                heldBytes_ += static_cast<long long>(data.size());
+            }
+            heldBytes = heldBytes_;
+        }
     }
     if (!recordingId) {
         logger_->warn("enqueue before configure — chunk " + std::to_string(sequence) + " dropped");
         return;
     }
-    long long written = 0;
-    try {
-        written = chunkStore_->store(*recordingId, sequence, data);
-    } catch (const std::exception& e) {
-        {
-            std::lock_guard lock(mutex_);
-            if (generation == generation_) {
-                failedChunksMap_[sequence] = std::string("Disk write failed: ") + e.what();
-            }
-        }
-        {
-            auto e = event(NativeUploadEventKind::failed);
-            e.sequence = sequence;
-            e.message = "Disk write failed";
-            emit(e);
-        }
+    if (overBound) {
+        logger_->error("disk still refuses chunks and " + std::to_string(heldBytes >> 20) +
+                       " MiB wait in memory: chunk " + std::to_string(sequence) + " dropped");
+        auto e = event(NativeUploadEventKind::failed);
+        e.sequence = sequence;
+        e.message = "Disk full: chunk dropped";
+        emit(e);
         return;
     }
-    auto stored = event(NativeUploadEventKind::stored);
-    stored.sequence = sequence;
-    stored.count = static_cast<int>(written);
-    if (isFinal) {
-        stored.mode = "final";
-    }
-    emit(stored);
+    writeHeldChunks();
+}
+
+void LiveUploadWorker::Engine::writeHeldChunks() {
     {
         std::lock_guard lock(mutex_);
-        if (generation == generation_) {
-            lastSequenceValue_ = std::max(lastSequenceValue_, sequence);
-            if (!uploadedSequencesSet_.contains(sequence) && !pendingSet_.contains(sequence) &&
-                !inFlightSequences_.contains(sequence)) {
-                pendingSequences_.push_back(sequence);
-                pendingSet_.insert(sequence);
+        if (writingHeld_) {
+            return; // the thread that writes takes this chunk too, in order
+        }
+        writingHeld_ = true;
+    }
+    for (;;) {
+        HeldChunk chunk;
+        {
+            std::lock_guard lock(mutex_);
+            if (held_.empty()) {
+                writingHeld_ = false;
+                return;
+            }
+            chunk = held_.front();
+        }
+        long long written = 0;
+        try {
+            written = chunkStore_->store(chunk.recordingId, chunk.sequence, chunk.data);
+        } catch (const std::exception& e) {
+            bool first = false;
+            long long heldBytes = 0;
+            {
+                std::lock_guard lock(mutex_);
+                writingHeld_ = false;
+                first = !std::exchange(diskRefusing_, true);
+                heldBytes = heldBytes_;
+            }
+            if (first) {
+                logger_->error("chunk " + std::to_string(chunk.sequence) + " not written (" + e.what() +
+                               "); kept in memory and tried again");
+                auto held = event(NativeUploadEventKind::storeHeld);
+                held.sequence = chunk.sequence;
+                held.message = std::string("Disk write failed: ") + e.what();
+                held.count =
+                    static_cast<int>(std::min<long long>(heldBytes, std::numeric_limits<int>::max()));
+                emit(held);
+            }
+            scheduleDiskRetry();
+            return;
+        }
+        bool resumed = false;
+        bool current = false;
+        {
+            std::lock_guard lock(mutex_);
+            held_.pop_front();
+            heldBytes_ -= static_cast<long long>(chunk.data.size());
+            resumed = std::exchange(diskRefusing_, false);
+            current = recordingId_ == chunk.recordingId && !stopped_;
+            if (current) {
+                lastSequenceValue_ = std::max(lastSequenceValue_, chunk.sequence);
+                if (!uploadedSequencesSet_.contains(chunk.sequence) &&
+                    !pendingSet_.contains(chunk.sequence) && !inFlightSequences_.contains(chunk.sequence)) {
+                    pendingSequences_.push_back(chunk.sequence);
+                    pendingSet_.insert(chunk.sequence);
+                }
             }
         }
+        auto stored = event(NativeUploadEventKind::stored);
+        stored.sequence = chunk.sequence;
+        stored.count = static_cast<int>(written);
+        if (chunk.isFinal) {
+            stored.mode = "final";
+        }
+        emit(stored);
+        if (resumed) {
+            logger_->info("disk takes chunks again from chunk " + std::to_string(chunk.sequence));
+            auto e = event(NativeUploadEventKind::storeResumed);
+            e.sequence = chunk.sequence;
+            emit(e);
+        }
+        if (current) {
+            scheduleDrain();
+        }
     }
-    scheduleDrain();
+}
+
+void LiveUploadWorker::Engine::scheduleDiskRetry() {
+    {
+        std::lock_guard lock(mutex_);
+        if (diskRetryScheduled_ || stopped_) {
+            return;
+        }
+        diskRetryScheduled_ = true;
+    }
+    auto task = Task::run([weak = weak_from_this(), clock = clock_, interval = config_.diskRetryInterval] {
+        for (;;) {
+            try {
+                clock->sleep(interval);
+            } catch (...) {
+                // Cancellation is looked at below; any other early wake is one more try.
+            }
+            if (Task::isCurrentCancelled()) {
+                return;
+            }
+            auto self = weak.lock();
+            if (!self) {
+                return;
+            }
+            self->writeHeldChunks();
+            std::lock_guard lock(self->mutex_);
+            if (self->held_.empty() || self->stopped_) {
+                self->diskRetryScheduled_ = false;
+                return;
+            }
+        }
+    });
+    keepTask(task);
+}
+
+void LiveUploadWorker::Engine::keepTask(const Task& task) {
+    // The handles are taken out to drop finished tasks without calling into them under the lock.
+    std::vector<Task> tasks;
+    {
+        std::lock_guard lock(mutex_);
+        tasks = std::move(tasks_);
+    }
+    std::erase_if(tasks, [](const Task& t) { return t.isFinished(); });
+    tasks.push_back(task);
+    bool stopped = false;
+    {
+        std::lock_guard lock(mutex_);
+        stopped = stopped_;
+        if (!stopped) {
+            tasks_.insert(tasks_.end(), tasks.begin(), tasks.end());
+        }
+    }
+    if (stopped) {
+        // shutDown ran meanwhile and will not see this task: end it here.
+        task.cancelAndJoin();
+    }
+}
+
+void LiveUploadWorker::Engine::journal(const Bytes& appended, int sequence) {
+    std::string recordingId;
+    Bytes whole;
+    bool rewrite = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (!recordingId_ || appended.empty()) {
+            return;
+        }
+        recordingId = *recordingId_;
+        if (journalRecordingId_ != recordingId || journalSequence_ != sequence) {
+            journalRecordingId_ = recordingId;
+            journalSequence_ = sequence;
+            journalBytes_.clear();
+            journalTorn_ = false;
+        }
+        if (journalBytes_.size() + appended.size() > ChunkStore::maxJournalBytes) {
+            // Only a recorder that never cuts gets here; its chunk will be kept whole in memory anyway.
+            return;
+        }
+        journalBytes_.insert(journalBytes_.end(), appended.begin(), appended.end());
+        rewrite = journalTorn_;
+        if (rewrite) {
+            whole = journalBytes_;
+        }
+    }
+    try {
+        if (rewrite) {
+            chunkStore_->replaceJournal(recordingId, sequence, whole);
+        } else {
+            chunkStore_->appendJournal(recordingId, sequence, appended);
+        }
+        std::lock_guard lock(mutex_);
+        if (journalRecordingId_ == recordingId && journalSequence_ == sequence) {
+            journalTorn_ = false;
+            journalWarned_ = false;
+        }
+    } catch (const std::exception& e) {
+        bool warn = false;
+        {
+            std::lock_guard lock(mutex_);
+            if (journalRecordingId_ == recordingId && journalSequence_ == sequence) {
+                journalTorn_ = true;
+            }
+            warn = !std::exchange(journalWarned_, true);
+        }
+        if (warn) {
+            logger_->warn(std::string("journal of chunk ") + std::to_string(sequence) + " not written (" +
+                          e.what() + "): a crash now would lose the audio since the last chunk");
+        }
+    }
 }
 
 void LiveUploadWorker::Engine::scheduleDrain() {
@@ -305,29 +496,8 @@ void LiveUploadWorker::Engine::scheduleDrain() {
         return;
     }
     emit(event(NativeUploadEventKind::uploadGuardStarted));
-
-    // The handles are taken out to drop finished tasks without calling into them under the lock.
-    std::vector<Task> tasks;
-    {
-        std::lock_guard lock(mutex_);
-        tasks = std::move(tasks_);
-    }
-    std::erase_if(tasks, [](const Task& t) { return t.isFinished(); });
-    auto task =
-        Task::run([weak = weak_from_this(), generation, signals] { drainLoop(weak, generation, signals); });
-    tasks.push_back(task);
-    bool stopped = false;
-    {
-        std::lock_guard lock(mutex_);
-        stopped = stopped_;
-        if (!stopped) {
-            tasks_.insert(tasks_.end(), tasks.begin(), tasks.end());
-        }
-    }
-    if (stopped) {
-        // shutDown ran meanwhile and will not see this task: end it here.
-        task.cancelAndJoin();
-    }
+    keepTask(
+        Task::run([weak = weak_from_this(), generation, signals] { drainLoop(weak, generation, signals); }));
 }
 
 void LiveUploadWorker::Engine::drainLoop(const std::weak_ptr<Engine>& weak, std::uint64_t generation,
@@ -551,7 +721,7 @@ LiveUploadWorker::Engine::AttemptResult LiveUploadWorker::Engine::attemptUpload(
     }
     HTTPRequest request;
     request.url = withoutTrailingSlash(*supabaseUrl) + "/storage/v1/object/recordings/" +
-                  encodePathPart(job.recordingId) + "/chunks/" + ChunkStore::filename(job.sequence);
+                  PercentEncoding::path(job.recordingId) + "/chunks/" + ChunkStore::filename(job.sequence);
     request.method = "POST";
     request.headers = {{"Content-Type", "audio/aac"},
                        {"x-upsert", "true"},
@@ -760,6 +930,11 @@ std::vector<int> LiveUploadWorker::Engine::pendingSequences() const {
     std::lock_guard lock(mutex_);
     std::set<int> all = pendingSet_;
     all.insert(inFlightSequences_.begin(), inFlightSequences_.end());
+    for (const auto& chunk : held_) {
+        if (chunk.recordingId == recordingId_) {
+            all.insert(chunk.sequence);
+        }
+    }
     return {all.begin(), all.end()};
 }
 
@@ -784,7 +959,7 @@ int LiveUploadWorker::Engine::lastSequence() const {
 
 bool LiveUploadWorker::Engine::isIdle() const {
     std::lock_guard lock(mutex_);
-    return pendingSet_.empty() && inFlightSequences_.empty();
+    return pendingSet_.empty() && inFlightSequences_.empty() && held_.empty();
 }
 
 bool LiveUploadWorker::Engine::signedUrlEnabled() const {
@@ -841,6 +1016,10 @@ void LiveUploadWorker::configure(const std::string& recordingId,
 void LiveUploadWorker::enqueue(const Bytes& data, int sequence, bool isFinal, double /*sampleRate*/,
                                int /*channels*/) {
     engine_->enqueue(data, sequence, isFinal);
+}
+
+void LiveUploadWorker::journal(const Bytes& appended, int sequence) {
+    engine_->journal(appended, sequence);
 }
 
 void LiveUploadWorker::scheduleDrain() {

@@ -27,12 +27,13 @@ namespace kavelo {
 //   worker->configure(recordingId, recordingSecret, supabaseUrl, anonKey, accessToken);
 //   worker->enqueue(bytes, 1, false, 48000.0, 1);
 //
-// Threads: every operation may be called from any thread. enqueue and configure run on the caller's thread
-// (the disk write included); drains and uploads run on tasks of their own. The event handler is called
-// synchronously from those threads, outside the lock, so it must be thread-safe and quick. Tasks hold the
-// queue weakly; the destructor cancels and joins them (an upload blocked in the HTTP client is waited
-// for), on whichever thread the last reference goes, and nothing is reported after it began. (Dropped
-// inside the event handler, the task that runs the handler cannot wait for itself; it ends on its own.)
+// Threads: every operation may be called from any thread. enqueue, journal and configure run on the
+// caller's thread (the disk write included, unless another thread is writing held chunks); drains and uploads
+// run on tasks of their own. The event handler is called synchronously from those threads, outside the lock,
+// so it must be thread-safe and quick. Tasks hold the queue weakly; the destructor cancels and joins them (an
+// upload blocked in the HTTP client is waited for), on whichever thread the last reference goes, and nothing
+// is reported after it began. (Dropped inside the event handler, the task that runs the handler cannot wait
+// for itself; it ends on its own.)
 //
 // configure forgets the previous recording's queue but leaves its files on disk. An upload of that earlier
 // recording that is still running ends quietly at its next step, so it never touches the new one's state.
@@ -56,7 +57,14 @@ class LiveUploadWorker final : public UploadWorker {
     void configure(const std::string& recordingId, const std::optional<std::string>& recordingSecret,
                    const std::string& supabaseUrl, const std::string& anonKey,
                    const std::optional<std::string>& authToken) override;
+    // A chunk the disk refuses (ENOSPC, EIO, ...) is kept in memory, in order with the chunks after it, and
+    // written again every diskRetryInterval and at every next enqueue, so nothing captured is lost while
+    // the disk is full; storeHeld and storeResumed tell the owner. Beyond maxHeldBytes in memory a new
+    // chunk is refused: a failed event and an error line say so, and the chunks already held stay.
     void enqueue(const Bytes& data, int sequence, bool isFinal, double sampleRate, int channels) override;
+    // Appends to the journal of the chunk being filled; after a failed append the next call rewrites it
+    // whole. A journal the disk refuses is logged once per episode.
+    void journal(const Bytes& appended, int sequence) override;
     // Starts a drain unless one runs; a running drain is woken to fill free upload slots.
     void scheduleDrain() override;
     void acceptServerAcks(const std::vector<int>& sequences) override;
@@ -72,7 +80,8 @@ class LiveUploadWorker final : public UploadWorker {
 
     // Highest sequence seen since configure.
     [[nodiscard]] int lastSequence() const;
-    // Nothing waits and nothing is in flight. A parked chunk does not make the worker busy.
+    // Nothing waits (on the disk or for an upload) and nothing is in flight. A parked chunk does not make
+    // the worker busy.
     [[nodiscard]] bool isIdle() const;
     [[nodiscard]] bool signedUrlEnabled() const;
     [[nodiscard]] bool jwtFallbackEnabled() const;

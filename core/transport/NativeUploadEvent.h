@@ -18,10 +18,12 @@ enum class NativeUploadEventKind {
     drained,
     uploadGuardStarted,
     uploadGuardEnded,
+    storeHeld,
+    storeResumed,
 };
 
 template <> struct RawEnumTraits<NativeUploadEventKind> {
-    static constexpr std::array<std::pair<NativeUploadEventKind, std::string_view>, 10> table{{
+    static constexpr std::array<std::pair<NativeUploadEventKind, std::string_view>, 12> table{{
         {NativeUploadEventKind::configured, "configured"},
         {NativeUploadEventKind::stored, "stored"},
         {NativeUploadEventKind::uploaded, "uploaded"},
@@ -32,10 +34,14 @@ template <> struct RawEnumTraits<NativeUploadEventKind> {
         {NativeUploadEventKind::drained, "drained"},
         {NativeUploadEventKind::uploadGuardStarted, "upload_guard_started"},
         {NativeUploadEventKind::uploadGuardEnded, "upload_guard_ended"},
+        {NativeUploadEventKind::storeHeld, "store_held"},
+        {NativeUploadEventKind::storeResumed, "store_resumed"},
     }};
 };
 
-// One thing the upload worker did. Which optional fields are set depends on the kind.
+// One thing the upload worker did. Which optional fields are set depends on the kind. storeHeld: the disk
+// refused a chunk, which now waits in memory (sequence, message = the disk's error, count = bytes waiting);
+// storeResumed: the disk took the chunks that waited.
 struct NativeUploadEvent {
     NativeUploadEventKind kind = NativeUploadEventKind::configured;
     std::optional<int> sequence;

@@ -26,6 +26,8 @@ class UploadWorker {
         double urlFetchAuthFailureBackoff = 120; // seconds without URL fetches after a 401 or 403
         double urlFetchFailureBackoff = 30;      // seconds without URL fetches after any other failure
         int maxParallelUploads = 4;              // chunks in flight at once
+        double diskRetryInterval = 5;            // seconds between tries to write chunks the disk refused
+        long long maxHeldBytes = 64LL << 20;     // chunks kept in memory while the disk refuses them
         bool operator==(const Config&) const = default;
     };
 
@@ -36,6 +38,9 @@ class UploadWorker {
                            const std::optional<std::string>& authToken) = 0;
     // Called from the recorder for each finished chunk. sampleRate and channels are informational.
     virtual void enqueue(const Bytes& data, int sequence, bool isFinal, double sampleRate, int channels) = 0;
+    // Called from the recorder's worker about once a second with the bytes of chunk `sequence` (the one
+    // being filled) produced since the last call, so that a crash loses only what came after. Never throws.
+    virtual void journal(const Bytes& appended, int sequence) = 0;
     virtual void scheduleDrain() = 0;
     virtual void acceptServerAcks(const std::vector<int>& sequences) = 0;
     virtual void requeue(const std::vector<int>& sequences) = 0;

@@ -90,6 +90,16 @@ std::vector<FakeUploadWorker::Configuration> FakeUploadWorker::configurations() 
     return configurations_;
 }
 
+void FakeUploadWorker::journal(const Bytes& appended, int sequence) {
+    std::lock_guard lock(mutex_);
+    journaled_.push_back({sequence, false, appended});
+}
+
+std::vector<FakeUploadWorker::Enqueued> FakeUploadWorker::journaled() const {
+    std::lock_guard lock(mutex_);
+    return journaled_;
+}
+
 std::vector<FakeUploadWorker::Enqueued> FakeUploadWorker::enqueued() const {
     std::lock_guard lock(mutex_);
     return enqueued_;

@@ -29,6 +29,7 @@ class FakeUploadWorker final : public UploadWorker {
                    const std::string& supabaseUrl, const std::string& anonKey,
                    const std::optional<std::string>& authToken) override;
     void enqueue(const Bytes& data, int sequence, bool isFinal, double sampleRate, int channels) override;
+    void journal(const Bytes& appended, int sequence) override;
     void scheduleDrain() override;
     void acceptServerAcks(const std::vector<int>& sequences) override;
     void requeue(const std::vector<int>& sequences) override;
@@ -46,6 +47,8 @@ class FakeUploadWorker final : public UploadWorker {
     void emit(const NativeUploadEvent& event);
     [[nodiscard]] std::vector<Configuration> configurations() const;
     [[nodiscard]] std::vector<Enqueued> enqueued() const;
+    // Each journal call, as (sequence, bytes).
+    [[nodiscard]] std::vector<Enqueued> journaled() const;
     [[nodiscard]] std::vector<std::vector<int>> requeues() const;
     [[nodiscard]] std::vector<std::vector<int>> acks() const;
     [[nodiscard]] int drainCount() const;
@@ -58,6 +61,7 @@ class FakeUploadWorker final : public UploadWorker {
     std::vector<FailedChunk> failed_;
     std::vector<Configuration> configurations_;
     std::vector<Enqueued> enqueued_;
+    std::vector<Enqueued> journaled_;
     std::vector<std::vector<int>> requeues_;
     std::vector<std::vector<int>> acks_;
     int drains_ = 0;

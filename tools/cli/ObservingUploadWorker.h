@@ -28,6 +28,7 @@ class ObservingUploadWorker final : public UploadWorker {
         }
         inner_->enqueue(data, sequence, isFinal, sampleRate, channels);
     }
+    void journal(const Bytes& appended, int sequence) override { inner_->journal(appended, sequence); }
     void scheduleDrain() override { inner_->scheduleDrain(); }
     void acceptServerAcks(const std::vector<int>& sequences) override { inner_->acceptServerAcks(sequences); }
     void requeue(const std::vector<int>& sequences) override { inner_->requeue(sequences); }

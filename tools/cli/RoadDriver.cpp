@@ -206,6 +206,23 @@ void RoadDriver::onWarnings() {
                text("system audio could not be captured; the microphone goes on",
                     "het systeemgeluid kon niet worden opgenomen; de microfoon gaat door"));
     }
+    const auto dataDirectory = context_.env().chunkStore->root().string();
+    if (now.diskFull && !before.diskFull) {
+        report(
+            "disk_full",
+            text(
+                "disk full: the recording goes on and keeps its audio in memory; free space on ",
+                "schijf vol: de opname gaat door en houdt het geluid in het geheugen; maak ruimte vrij op ") +
+                dataDirectory);
+    } else if (!now.diskFull && before.diskFull) {
+        report("disk_writable", text("the disk takes the recording's audio again; nothing was lost",
+                                     "de schijf neemt het geluid weer aan; er is niets verloren"));
+    }
+    if (now.diskSpaceLow && !before.diskSpaceLow) {
+        report("disk_space_low", text("little disk space left; free space on ",
+                                      "weinig schijfruimte over; maak ruimte vrij op ") +
+                                     dataDirectory);
+    }
     changed_.notify_all();
 }
 

@@ -27,14 +27,6 @@ bool isPlainComponent(const std::string& part) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-void syncDirectory(const std::filesystem::path& dir) {
-    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        ::fsync(fd);
-        ::close(fd);
-    }
-}
-
 // Writes a durable temporary file beside target and links it into place; false when target exists.
 bool createExclusively(const std::filesystem::path& target, const Bytes& data) {
     std::string tmpl = (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
@@ -74,7 +66,7 @@ bool createExclusively(const std::filesystem::path& target, const Bytes& data) {
         errno = linkErrno;
         throwErrno("link " + target.string());
     }
-    syncDirectory(target.parent_path());
+    fsyncDirectory(target.parent_path());
     return true;
 }
 

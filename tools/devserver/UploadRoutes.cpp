@@ -1,5 +1,6 @@
 #include "tools/devserver/UploadRoutes.h"
 
+#include "core/support/PercentEncoding.h"
 #include "core/transport/ChunkStore.h"
 #include "tools/devserver/CallerAuth.h"
 #include "tools/devserver/DevServerOptions.h"
@@ -21,22 +22,6 @@ const std::string kChunkBucket = "recordings";
 
 bool isUploadBucket(const std::string& bucket) {
     return bucket == "recordings" || bucket == "logos";
-}
-
-std::string percentEncodePath(const std::string& path) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : path) {
-        if (std::isalnum(c) ||
-            std::string_view("/-._~").find(static_cast<char>(c)) != std::string_view::npos) {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 0x0f];
-        }
-    }
-    return out;
 }
 
 void store(DevServerContext& ctx, httplib::Response& res, const std::string& bucket, const std::string& path,
@@ -100,7 +85,7 @@ void generateUploadUrls(DevServerContext& ctx, const httplib::Request& req, http
         auto token = ctx.signer.sign(kChunkBucket + "/" + path, expiresAt);
         urls.push_back(Json{{"sequence", sequence},
                             {"url", ctx.baseUrl + "/storage/v1/object/upload/sign/" + kChunkBucket + "/" +
-                                        percentEncodePath(path) + "?token=" + token}});
+                                        PercentEncoding::path(path) + "?token=" + token}});
     }
     HttpReply::json(res, 200, Json{{"urls", urls}});
 }

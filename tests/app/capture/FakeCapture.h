@@ -187,6 +187,10 @@ struct FakeUploadWorker final : UploadWorker {
         std::lock_guard lock(mutex);
         chunks.push_back({data, sequence, isFinal});
     }
+    void journal(const Bytes& appended, int sequence) override {
+        std::lock_guard lock(mutex);
+        journaled.push_back({appended, sequence, false});
+    }
     void scheduleDrain() override {}
     void acceptServerAcks(const std::vector<int>&) override {}
     void requeue(const std::vector<int>&) override {}
@@ -201,9 +205,14 @@ struct FakeUploadWorker final : UploadWorker {
         std::lock_guard lock(mutex);
         return chunks;
     }
+    std::vector<Enqueued> journalSnapshot() const {
+        std::lock_guard lock(mutex);
+        return journaled;
+    }
     std::function<void(int sequence)> beforeStore; // set before the recording starts
     mutable std::mutex mutex;
     std::vector<Enqueued> chunks;
+    std::vector<Enqueued> journaled;
 };
 
 // Everything the recorder reported, in order, with a way to wait for what another thread reports.

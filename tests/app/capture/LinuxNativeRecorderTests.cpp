@@ -108,6 +108,29 @@ TEST_F(RecorderFixture, ChunksAreCutBySizeNumberedFromOneAndTheRestIsFinalAtStop
     EXPECT_EQ(backend->systemsStopped, 1);
 }
 
+// A crash must cost no more than about a second: what the chunk being filled gained since the last
+// journal call goes to the worker's journal once a second has passed, and a cut starts a new journal.
+TEST_F(RecorderFixture, TheChunkBeingFilledReachesItsJournalAboutOnceASecond) {
+    auto clock = std::make_shared<SteppingClock>();
+    make(clock);
+    recorder->start(input());
+    recorder->appendEncodedData(bytes(1000));
+    clock->advance(1.0);
+    recorder->appendEncodedData(bytes(2000));
+    recorder->appendEncodedData(bytes(3000)); // the same second: it waits for the next call
+    clock->advance(1.0);
+    recorder->appendEncodedData(bytes(98304)); // the cut: the chunk itself goes to the worker
+    clock->advance(1.0);
+    recorder->appendEncodedData(bytes(700));
+    const auto journal = uploader->journalSnapshot();
+    ASSERT_EQ(journal.size(), 2u);
+    EXPECT_EQ(journal[0].sequence, 1);
+    EXPECT_EQ(journal[0].data.size(), 3000u) << "all of chunk 1 so far";
+    EXPECT_EQ(journal[1].sequence, 2);
+    EXPECT_EQ(journal[1].data.size(), 700u);
+    recorder->stop();
+}
+
 TEST_F(RecorderFixture, StopRightAfterACutSendsNoChunkAndStopWhileIdleAnswersTheSequence) {
     EXPECT_EQ(recorder->stop(), 0);
     recorder->start(input());

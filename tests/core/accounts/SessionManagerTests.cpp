@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -141,6 +142,35 @@ TEST_F(SessionManagerTest, InstallAndSignOutKeepStoreAndObserversInStep) {
     EXPECT_FALSE(store->load().has_value());
     EXPECT_EQ(manager->state(), SessionManager::State::signedOut());
     EXPECT_EQ(events, (std::vector<std::string>{"in:a1", "signOut", "out"}));
+}
+
+// A store whose save asks the manager for the token from another thread while the save is under way, as
+// any caller might while a slow disk writes. The answer must not wait for the write.
+class ProbingStore final : public SessionStore {
+  public:
+    std::optional<AuthSession> load() override { return inner.load(); }
+    void save(const AuthSession& session) override {
+        reader = std::async(std::launch::async, [this] { return manager->currentAccessToken(); });
+        // A rendezvous with a generous bound: the manager's lock held across this call makes the reader
+        // wait for the whole save, so it cannot be ready here.
+        answeredDuringSave = reader.wait_for(5s) == std::future_status::ready;
+        inner.save(session);
+    }
+    void clear() override { inner.clear(); }
+    SessionManager* manager = nullptr;
+    std::future<std::optional<std::string>> reader;
+    bool answeredDuringSave = false;
+    InMemorySessionStore inner;
+};
+
+TEST_F(SessionManagerTest, AStoreWriteOnASlowDiskKeepsNoReaderWaiting) {
+    auto probing = std::make_shared<ProbingStore>();
+    SessionManager manager(probing, clock);
+    probing->manager = &manager;
+    manager.install(makeSession("a1", "r1", 3600));
+    EXPECT_TRUE(probing->answeredDuringSave);
+    EXPECT_EQ(probing->reader.get(), "a1");
+    EXPECT_EQ(probing->inner.load()->accessToken, "a1");
 }
 
 TEST_F(SessionManagerTest, NobodySignedInMeansNoRefresh) {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <fstream>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -152,8 +153,9 @@ TEST_F(FileRecoveryStoreTest, SpecialFilesInPlaceOfTheManifestAreNeitherFollowed
 
     fs::create_directory(store.url());
     EXPECT_FALSE(store.load());
-    store.save(sampleManifest()); // cannot replace a directory: dropped, nothing thrown
-    store.clear();
+    // A directory cannot be replaced or removed: the caller hears of it, and it stays.
+    EXPECT_THROW(store.save(sampleManifest()), std::system_error);
+    EXPECT_THROW(store.clear(), std::system_error);
     EXPECT_TRUE(fs::is_directory(store.url()));
     EXPECT_EQ(elsewhere.load(), sampleManifest());
 }
@@ -164,7 +166,7 @@ TEST_F(FileRecoveryStoreTest, AFailedSaveLeavesTheEarlierManifestStanding) {
     RecordingManifest broken = sampleManifest();
     broken.recordingId = "rec-2";
     broken.totalPausedMs = std::numeric_limits<double>::quiet_NaN(); // not representable in JSON
-    store.save(broken);
+    EXPECT_THROW(store.save(broken), std::system_error);
     EXPECT_EQ(store.load(), sampleManifest());
     std::size_t entries = 0;
     for ([[maybe_unused]] const auto& e : fs::directory_iterator(root)) {

@@ -101,8 +101,18 @@ TEST_F(MockRecorderTest, NumbersChunksThroughAPauseAndEndsWithTheFinalOne) {
     auto enqueued = uploader->enqueued();
     ASSERT_EQ(enqueued.size(), 4u);
     EXPECT_EQ(enqueued[2].sequence, 3);
-    EXPECT_EQ(enqueued[2].data, Bytes(98304, 3));
+    EXPECT_EQ(enqueued[2].data, MockRecorder::chunkContent(3, 98304));
     EXPECT_TRUE(enqueued[3].isFinal);
+    // Before each cut the chunk being filled went to the journal in three steps, whole frames each time.
+    Bytes journaled;
+    for (const auto& entry : uploader->journaled()) {
+        if (entry.sequence == 3) {
+            journaled.insert(journaled.end(), entry.data.begin(), entry.data.end());
+        }
+    }
+    const auto third = MockRecorder::chunkContent(3, 98304);
+    EXPECT_EQ(journaled, Bytes(third.begin(), third.begin() + 3 * 98304 / 4));
+    EXPECT_EQ(uploader->journaled().size(), 9u) << "three per loop chunk; the final one is cut at the stop";
     for (auto [mic, sys] : heard.get(heard.levels)) {
         EXPECT_TRUE(mic >= 0.1 && mic <= 0.7 && sys >= 0.05 && sys <= 0.5);
     }

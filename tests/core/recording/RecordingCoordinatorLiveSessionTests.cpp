@@ -1,5 +1,7 @@
 #include "CoordinatorFixture.h"
 
+#include <limits>
+
 using namespace kavelo;
 using namespace kavelo::testing;
 using P = RecordingPhase;
@@ -138,8 +140,23 @@ TEST_F(CoordinatorLiveSessionTest, RecorderStatesAudioErrorsAndUploadsBecomeWarn
     EXPECT_TRUE(logged("signed url fetch failed status=403"));
     EXPECT_EQ(coordinator->phase(), P::recordingNoAudioWarning) << "uploads change no phase";
 
+    // A full disk is the user's to hear of, from the refusal until the disk takes the chunks again.
+    uploader->emit(uploadEvent(NativeUploadEventKind::storeHeld, 7));
+    EXPECT_TRUE(coordinator->warnings().diskFull);
+    uploader->emit(uploadEvent(NativeUploadEventKind::storeResumed, 7));
+    EXPECT_FALSE(coordinator->warnings().diskFull);
+
     coordinator->ingest(AudioErrorEvent{"ENGINE_STALLED_PERMANENT", "vast"});
     EXPECT_EQ(coordinator->phase(), P::errorRecoverable);
+}
+
+TEST_F(CoordinatorLiveSessionTest, FreeSpaceIsLookedAtWithEveryChunkWhileRecording) {
+    timings.lowDiskBytes = std::numeric_limits<std::int64_t>::max(); // no disk has that much free
+    build();
+    startRecording();
+    EXPECT_FALSE(coordinator->warnings().diskSpaceLow) << "the start's own check is another";
+    coordinator->ingest(AudioChunkEvent{1, 100, false, 48000.0, 1});
+    EXPECT_TRUE(coordinator->warnings().diskSpaceLow);
 }
 
 TEST_F(CoordinatorLiveSessionTest, PauseHeartbeatsEveryIntervalAndResumeAddsThePause) {

@@ -1,5 +1,7 @@
 #include "CoordinatorFixture.h"
 
+#include "core/mock/MockRecorder.h"
+
 using namespace kavelo;
 using namespace kavelo::testing;
 using P = RecordingPhase;
@@ -266,4 +268,17 @@ TEST_F(CoordinatorInterruptedFinalizeTest, NoAnswerWaitsAndARefusalGoesBackToThe
     EXPECT_EQ(coordinator->phase(), P::processingMapping);
     EXPECT_FALSE(recovery->load()->finalizeRequest.has_value());
     EXPECT_EQ(api->finalizes().size(), 2u);
+}
+
+TEST_F(CoordinatorRecoveryTest, TheJournalOfTheChunkBeingFilledBecomesTheLastChunk) {
+    // Killed seconds into the recording, before its first cut: the journal holds what was captured.
+    recovery->save(manifest(RecordingManifest::Stage::active));
+    api->chunkAnswer = ChunkReconciliation{{}, {}, true};
+    const Bytes audio = MockRecorder::chunkContent(1, 30000);
+    chunkStore->appendJournal("rec-old", 1, audio);
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(coordinator->lastSequence(), 1);
+    EXPECT_EQ(chunkStore->read("rec-old", 1), audio);
+    EXPECT_TRUE(chunkStore->journalSequences("rec-old").empty());
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{1}}));
 }

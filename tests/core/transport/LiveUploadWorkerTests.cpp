@@ -1,6 +1,8 @@
 #include "UploadTestSupport.h"
 
+#include "core/support/AtomicFile.h"
 #include "core/support/SteppingClock.h"
+#include "helpers/FullDiskFileWriter.h"
 
 #include <fstream>
 #include <set>
@@ -277,20 +279,6 @@ TEST_F(UploadWorkerTest, EdgesOfTheQueueOutsideANormalUpload) {
     EXPECT_EQ(events->kinds(),
               (std::vector<std::string>{"upload_guard_started", "drained", "upload_guard_ended"}));
     EXPECT_EQ(events->all()[1].uploadedCount, 0);
-
-    // A disk that refuses the write parks the chunk at once, out of every queue.
-    events->clear();
-    std::filesystem::create_directories(root);
-    std::ofstream(root / "kavelo_chunks") << "not a directory";
-    worker->configure("rec-1", kSecret, kBase, "", std::nullopt);
-    worker->enqueue(chunk(1), 1, false, 48000.0, 1);
-    EXPECT_EQ(events->kinds(), (std::vector<std::string>{"configured", "failed"}));
-    EXPECT_EQ(events->all()[1].message, "Disk write failed");
-    auto parked = worker->failedChunks();
-    ASSERT_EQ(parked.size(), 1u);
-    EXPECT_TRUE(parked[0].message.starts_with("Disk write failed: ")) << parked[0].message;
-    EXPECT_TRUE(worker->isIdle());
-    EXPECT_EQ(http->requests().size(), 0u);
 }
 
 TEST_F(UploadWorkerTest, ConfigureForgetsTheLastRecordingButKeepsItsFiles) {
@@ -360,4 +348,101 @@ TEST_F(UploadWorkerTest, DestroyingTheWorkerEndsAWaitingUploadWithoutAnotherAtte
     EXPECT_EQ(http->requests().size(), 1u);
     EXPECT_EQ(events->all().size(), eventsBefore);
     EXPECT_TRUE(store->exists("rec-1", 1));
+}
+
+// A full disk must not cost a chunk: each waits in memory, in order, until the disk takes it again, and the
+// owner hears of the refusal and of the return. Only beyond the memory bound is audio refused, and loudly.
+TEST_F(UploadWorkerTest, ChunksTheFullDiskRefusesWaitInMemoryAndAreWrittenWhenSpaceReturns) {
+    auto disk = std::make_shared<FullDiskFileWriter>();
+    store = std::make_shared<ChunkStore>(root, disk);
+    auto stepping = std::make_shared<SteppingClock>();
+    const auto size = static_cast<long long>(chunk(1).size());
+    makeWorker({.maxUploadAttempts = 1, .diskRetryInterval = 5, .maxHeldBytes = 3 * size}, stepping);
+    worker->configure("rec-1", std::nullopt, kBase, "", std::nullopt); // no route: uploads park at once
+    worker->enqueue(chunk(1), 1, false, 48000.0, 1);
+
+    disk->setFull(true);
+    worker->enqueue(chunk(2), 2, false, 48000.0, 1);
+    worker->enqueue(chunk(3), 3, true, 48000.0, 1);
+    auto held = events->ofKind(Kind::storeHeld);
+    ASSERT_EQ(held.size(), 1u) << "one report per episode";
+    EXPECT_EQ(held[0].sequence, 2);
+    EXPECT_NE(held[0].message->find("No space left on device"), std::string::npos) << *held[0].message;
+    EXPECT_FALSE(store->exists("rec-1", 2));
+    const auto pending = worker->pendingSequences();
+    EXPECT_TRUE(std::count(pending.begin(), pending.end(), 2) &&
+                std::count(pending.begin(), pending.end(), 3));
+    EXPECT_FALSE(worker->isIdle());
+
+    // Space returns: the next chunk brings the waiting ones to disk first, in order, the final mark kept.
+    disk->setFull(false);
+    worker->enqueue(chunk(4), 4, false, 48000.0, 1);
+    for (int s = 1; s <= 4; ++s) {
+        EXPECT_EQ(store->read("rec-1", s), chunk(s)) << s;
+    }
+    std::vector<int> storedOrder;
+    for (const auto& e : events->ofKind(Kind::stored)) {
+        storedOrder.push_back(*e.sequence);
+    }
+    EXPECT_EQ(storedOrder, (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_EQ(events->ofKind(Kind::stored)[2].mode, "final");
+    EXPECT_EQ(events->ofKind(Kind::storeResumed).size(), 1u);
+
+    // With no chunk coming (the recording stopped), the retry on the clock writes what waits.
+    disk->setFull(true);
+    worker->enqueue(chunk(5), 5, false, 48000.0, 1);
+    ASSERT_TRUE(stepping->waitForSleepers(1));
+    stepping->advance(5);
+    EXPECT_FALSE(store->exists("rec-1", 5)) << "still full";
+    disk->setFull(false);
+    stepping->advance(5);
+    ASSERT_TRUE(events->waitFor(Kind::storeResumed, 2));
+    EXPECT_EQ(store->read("rec-1", 5), chunk(5));
+
+    // Beyond the bound the newest chunk is refused and said to be lost; those held before it stay.
+    disk->setFull(true);
+    for (int s = 6; s <= 9; ++s) {
+        worker->enqueue(chunk(s), s, false, 48000.0, 1);
+    }
+    const auto failed = events->ofKind(Kind::failed);
+    const auto dropped =
+        std::find_if(failed.begin(), failed.end(), [](const auto& e) { return e.sequence == 9; });
+    ASSERT_NE(dropped, failed.end());
+    EXPECT_EQ(dropped->message, "Disk full: chunk dropped");
+    EXPECT_EQ(logLines(LogLevel::error).size(), 4u) << "three refusals and one drop";
+    disk->setFull(false);
+    ASSERT_TRUE(stepping->waitForSleepers(1));
+    stepping->advance(5);
+    ASSERT_TRUE(events->waitFor(Kind::storeResumed, 3));
+    for (int s = 6; s <= 8; ++s) {
+        EXPECT_EQ(store->read("rec-1", s), chunk(s)) << s;
+    }
+    EXPECT_FALSE(store->exists("rec-1", 9));
+}
+
+// The journal of the chunk being filled grows by appends; an append the disk refused may have left a torn
+// tail, so the next one rewrites the file whole, and the chunk's own write removes it.
+TEST_F(UploadWorkerTest, TheJournalHoldsTheChunkBeingFilledUntilThatChunkIsWritten) {
+    auto disk = std::make_shared<FullDiskFileWriter>();
+    store = std::make_shared<ChunkStore>(root, disk);
+    makeWorker({.maxUploadAttempts = 1});
+    worker->configure("rec-1", std::nullopt, kBase, "", std::nullopt);
+    const auto journalFile = store->chunkDirectory("rec-1") / "00001.journal";
+    auto fileBytes = [&] { return readWholeFile(journalFile).value_or(Bytes{}); };
+
+    worker->journal(bytesFromString("aa"), 1);
+    worker->journal(bytesFromString("bb"), 1);
+    EXPECT_EQ(fileBytes(), bytesFromString("aabb"));
+    std::ofstream(journalFile, std::ios::app) << "torn"; // what a refused append can leave
+    disk->setFull(true);
+    worker->journal(bytesFromString("cc"), 1);
+    disk->setFull(false);
+    worker->journal(bytesFromString("dd"), 1);
+    EXPECT_EQ(fileBytes(), bytesFromString("aabbccdd"));
+    EXPECT_EQ(store->journalSequences("rec-1"), std::vector<int>{1});
+
+    worker->enqueue(bytesFromString("aabbccddee"), 1, false, 48000.0, 1);
+    EXPECT_TRUE(store->journalSequences("rec-1").empty());
+    worker->journal(bytesFromString("ff"), 2);
+    EXPECT_EQ(store->journalSequences("rec-1"), std::vector<int>{2});
 }

@@ -5,6 +5,7 @@
 
 #include "core/recording/FileRecoveryStore.h"
 #include "core/support/AtomicFile.h"
+#include "core/transport/AdtsFrames.h"
 #include "core/transport/ChunkStore.h"
 
 #include <gtest/gtest.h>
@@ -48,6 +49,10 @@ constexpr const char* kEmail = "anna@example.test";
 constexpr const char* kPassword = "geheim123";
 constexpr int kSlowUploadMs = 20000;
 constexpr int kSlowFinalizeMs = 5000;
+// What a kill may cost of the audio captured before it: the journal is synced about once a second; the
+// rest is the margin of a loaded machine and of when the capture starts against the phase line.
+constexpr double kMaxSecondsLost = 2.5;
+constexpr double kSecondsPerFrame = 1024.0 / 48000.0; // one AAC frame at the recorder's rate
 
 // Where in the road a trial pulls the plug.
 enum class KillPoint { capturing, paused, processing, waiting, finalizing };
@@ -111,8 +116,10 @@ struct TrialResult {
     std::vector<int> chunksOnDisk;   // chunk files left behind by the kill
     std::vector<int> onServer;       // after the recovery
     int recoveredLastSequence = -1;
-    int lost = 0;            // reported or left on disk, yet not on the server after the recovery
-    bool nothingCut = false; // killed before the first chunk
+    int lost = 0;                      // reported or left on disk, yet not on the server after the recovery
+    bool nothingCut = false;           // killed before the first chunk and before its journal held audio
+    std::vector<int> journals;         // journal files left behind by the kill
+    std::optional<double> secondsLost; // capturing kills: capture time up to the kill less decoded audio
     std::vector<std::string> faults;
     double seconds = 0;
 };
@@ -242,6 +249,7 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
     const auto home = lane.directory / ("trial-" + std::to_string(plan.number));
     std::filesystem::create_directories(home);
     const auto world = worldOf(lane, home);
+    std::optional<double> captureSeconds; // from the recording phase line to the kill
 
     std::vector<int> slowRules;
     if (plan.slowUploads) {
@@ -269,6 +277,7 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
         ChildProcess record(KAVELO_CLI_BINARY, args, world);
         const auto deadline = Clock::now() + 120s;
         std::optional<Clock::time_point> killAt;
+        std::optional<Clock::time_point> recordingSince; // the first "recording" phase line
         std::string lastPhase;
         auto take = [&](const Json& event) {
             const auto kind = event.value("event", "");
@@ -288,6 +297,9 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
                 continue;
             }
             take(*event);
+            if (!recordingSince && event->value("event", "") == "phase" && lastPhase == "recording") {
+                recordingSince = Clock::now();
+            }
             if (!killAt && event->value("event", "") == "phase" && lastPhase == armingPhase(plan.point)) {
                 killAt = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                             std::chrono::duration<double>(plan.killDelay));
@@ -303,6 +315,9 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
             return result;
         }
         record.signal(SIGKILL);
+        if (recordingSince && plan.point == KillPoint::capturing) {
+            captureSeconds = std::chrono::duration<double>(Clock::now() - *recordingSince).count();
+        }
         // What the process printed before it died is still in the pipe: those chunks were cut before the
         // kill.
         if (record.wait(30s) != 128 + SIGKILL) {
@@ -328,6 +343,13 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
     }
     result.recordingId = manifest->recordingId;
     result.chunksOnDisk = ChunkStore(dataDirectory).storedSequences(result.recordingId);
+    for (const int s : ChunkStore(dataDirectory).journalSequences(result.recordingId)) {
+        const auto journal = readWholeFile(ChunkStore(dataDirectory).chunkDirectory(result.recordingId) /
+                                           (ChunkStore::filename(s).substr(0, 5) + ".journal"));
+        if (journal && AdtsFrames::wholeFramesLength(*journal) > 0) {
+            result.journals.push_back(s); // one that holds audio
+        }
+    }
     // Everything cut before the kill: what the run reported, what it left on disk, and what reached the
     // server before its line was printed.
     std::set<int> mustBeThere(result.reportedChunks.begin(), result.reportedChunks.end());
@@ -335,7 +357,9 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
     for (const int s : lane.admin.storedSequences(result.recordingId)) {
         mustBeThere.insert(s);
     }
-    result.nothingCut = mustBeThere.empty();
+    result.nothingCut = mustBeThere.empty() && result.journals.empty();
+    // A journal that holds audio becomes a chunk at the recovery, so it must reach the server as well.
+    mustBeThere.insert(result.journals.begin(), result.journals.end());
 
     ChildProcess recover(KAVELO_CLI_BINARY,
                          {"recover", "--json", "--session-file", lane.sessionFile().string(), "--recipients",
@@ -437,6 +461,35 @@ TrialResult CrashRecoveryTest::runTrial(Lane& lane, const TrialPlan& plan) {
     for (const int s : mustBeThere) {
         if (finalizedAt && firstStored.count(s) && firstStored[s] > *finalizedAt) {
             fail("chunk " + std::to_string(s) + " reached the server after the report was requested");
+        }
+    }
+    if (captureSeconds) {
+        // Everything captured up to about a second before the kill reached the server: the chunks cut
+        // before it and the journal of the one being filled.
+        double decoded = 0;
+        for (int s = 1; s <= result.recoveredLastSequence; ++s) {
+            const auto data = lane.admin.object(result.recordingId + "/chunks/" + ChunkStore::filename(s));
+            if (!data) {
+                continue; // counted as lost above
+            }
+            const Bytes bytes(data->begin(), data->end());
+            std::size_t frames = 0;
+            for (std::size_t at = 0; at < bytes.size(); ++frames) {
+                const auto length = AdtsFrames::frameLengthAt(bytes, at);
+                if (length == 0) {
+                    fail("chunk " + std::to_string(s) + " holds a torn or foreign frame at byte " +
+                         std::to_string(at));
+                    break;
+                }
+                at += length;
+            }
+            decoded += static_cast<double>(frames) * kSecondsPerFrame;
+        }
+        result.secondsLost = *captureSeconds - decoded;
+        if (*result.secondsLost > kMaxSecondsLost) {
+            fail("the kill lost " + std::to_string(*result.secondsLost) +
+                 " s of audio: " + std::to_string(decoded) + " s decoded of " +
+                 std::to_string(*captureSeconds) + " s captured");
         }
     }
     const auto finalizes = lane.admin.finalizeRequests(result.recordingId);
@@ -542,17 +595,22 @@ TEST_F(CrashRecoveryTest, KillingTheRecorderAnywhereOnTheRoadLosesNoChunkAndReco
     int failed = 0;
     int cutBeforeKill = 0;
     int withoutChunks = 0;
+    std::vector<double> secondsLost;
     for (const auto& r : results) {
+        if (r.secondsLost) {
+            secondsLost.push_back(*r.secondsLost);
+        }
         losses += r.lost;
         withoutChunks += r.nothingCut ? 1 : 0;
         cutBeforeKill += static_cast<int>(r.reportedChunks.size());
         failed += r.faults.empty() ? 0 : 1;
         std::printf(
-            "trial %2d  %-19s %s kill +%.2fs in %-20s chunks reported %-12s on disk %-10s recovered to %d, "
-            "on server %s, %.0fs\n",
+            "trial %2d  %-19s %s kill +%.2fs in %-20s chunks reported %-12s on disk %-10s journal %-6s "
+            "recovered to %d, on server %s, %s lost, %.0fs\n",
             r.plan.number, nameOf(r.plan.point), r.plan.slowUploads ? "slow" : "fast", r.plan.killDelay,
             r.phaseAtKill.c_str(), listText(r.reportedChunks).c_str(), listText(r.chunksOnDisk).c_str(),
-            r.recoveredLastSequence, listText(r.onServer).c_str(), r.seconds);
+            listText(r.journals).c_str(), r.recoveredLastSequence, listText(r.onServer).c_str(),
+            r.secondsLost ? (std::to_string(*r.secondsLost).substr(0, 5) + " s").c_str() : "-", r.seconds);
         for (const auto& fault : r.faults) {
             ADD_FAILURE() << "trial " << r.plan.number << " (" << nameOf(r.plan.point) << ", seed " << seed
                           << "): " << fault;
@@ -563,6 +621,12 @@ TEST_F(CrashRecoveryTest, KillingTheRecorderAnywhereOnTheRoadLosesNoChunkAndReco
         "kills, %d lost, %.0f s\n",
         results.size(), withoutChunks, failed, cutBeforeKill, losses,
         std::chrono::duration<double>(Clock::now() - started).count());
+    if (!secondsLost.empty()) {
+        std::sort(secondsLost.begin(), secondsLost.end());
+        std::printf("audio lost per capturing kill: %zu kills, median %.2f s, worst %.2f s (bound %.1f s)\n",
+                    secondsLost.size(), secondsLost[secondsLost.size() / 2], secondsLost.back(),
+                    kMaxSecondsLost);
+    }
     EXPECT_EQ(results.size(), static_cast<std::size_t>(kTrials));
     EXPECT_EQ(losses, 0);
     EXPECT_GT(cutBeforeKill, 0) << "no trial cut a chunk before its kill: the trials proved nothing";

@@ -5,6 +5,7 @@
 #include <httplib.h>
 
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -54,6 +55,15 @@ class StandInAdmin {
             }
         }
         return sizes;
+    }
+
+    // The bytes of one stored object of the recordings bucket; absent when it is not there.
+    std::optional<std::string> object(const std::string& path) {
+        auto reply = client_.Get("/__admin/storage/object?bucket=recordings&path=" + path);
+        if (!reply) {
+            throw std::runtime_error("the stand-in did not answer");
+        }
+        return reply->status == 200 ? std::optional<std::string>(reply->body) : std::nullopt;
     }
 
     // The handled requests of one route, oldest first.

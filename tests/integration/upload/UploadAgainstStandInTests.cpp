@@ -10,8 +10,12 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <fstream>
 #include <mutex>
+#include <sys/mount.h>
 #include <thread>
 
 using namespace kavelo;
@@ -250,6 +254,44 @@ TEST_F(UploadAgainstStandInTest, AServerKilledAndRestartedMidDrainLosesNothing) 
     EXPECT_EQ(chunks_->storedSequences("rec-int"), std::vector<int>{});
     admin_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
     for (int s = 1; s <= 24; ++s) {
+        EXPECT_EQ(storedObject(s), text(chunkBytes(s))) << s;
+    }
+}
+
+// A real full disk: the chunk store on a 1 MiB tmpfs that a filler file fills while the recording runs.
+// Every chunk handed over while the disk was full reaches the server once space returns, byte for byte.
+TEST_F(UploadAgainstStandInTest, AFullDiskLosesNoChunkAndWritingResumesWhenSpaceReturns) {
+    start({}, {.diskRetryInterval = 0.2});
+    if (::mount("tmpfs", chunkRoot_.c_str(), "tmpfs", 0, "size=1m,mode=0700") != 0) {
+        GTEST_SKIP() << "no tmpfs can be mounted here (" << std::strerror(errno) << ")";
+    }
+    struct Unmount {
+        std::filesystem::path at;
+        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
+    } unmount{chunkRoot_};
+    configure();
+    worker_->enqueue(chunkBytes(1), 1, false, 48000.0, 1);
+    worker_->enqueue(chunkBytes(2), 2, false, 48000.0, 1);
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(2); }));
+
+    const auto filler = chunkRoot_ / "filler";
+    {
+        std::ofstream out(filler, std::ios::binary);
+        const std::string block(64 * 1024, 'x');
+        while (out.write(block.data(), static_cast<std::streamsize>(block.size())) && out.flush()) {
+        }
+    }
+    for (int s = 3; s <= 5; ++s) {
+        worker_->enqueue(chunkBytes(s), s, s == 5, 48000.0, 1);
+    }
+    ASSERT_EQ(eventsOf(NativeUploadEventKind::storeHeld).size(), 1u);
+    EXPECT_TRUE(chunks_->storedSequences("rec-int").empty()) << "nothing fits on the full disk";
+    EXPECT_EQ(worker_->pendingSequences(), (std::vector<int>{3, 4, 5}));
+
+    std::filesystem::remove(filler);
+    ASSERT_TRUE(waitUntil([&] { return uploadSettled(5); }));
+    EXPECT_EQ(eventsOf(NativeUploadEventKind::storeResumed).size(), 1u);
+    for (int s = 1; s <= 5; ++s) {
         EXPECT_EQ(storedObject(s), text(chunkBytes(s))) << s;
     }
 }
