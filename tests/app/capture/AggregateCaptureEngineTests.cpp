@@ -212,9 +212,10 @@ TEST_F(EngineFixture, StalledGraphIsRebuiltFiveTimesThenGivenUpUntilAudioReturns
     ASSERT_TRUE(clock->waitForSleepers(1));
     clock->advance(6);
     EXPECT_EQ(countLogsStartingWith("aggregate rebuild"), 0) << "within the start-up grace nothing happens";
-    // No cycles at all: each build stalls. Delays 1, 2, 4, 8, 8 plus grace and stall time take about 70 s; a
-    // loaded machine may need longer.
-    for (int second = 6; second < 300 && interruptionsSeen().empty(); ++second) {
+    // No cycles at all: each build stalls. Delays 1, 2, 4, 8, 8 plus grace and stall time take about 70 s of
+    // the clock. The rebuilds run on the engine's own queue, which the clock does not wait for, so on a
+    // loaded machine they may trail it: time goes on until the engine has given up, within a bound.
+    for (int second = 6; second < 3000 && countLogsStartingWith("aggregate engine gave up") == 0; ++second) {
         clock->advance(1);
     }
     ASSERT_TRUE(

@@ -298,7 +298,7 @@ TEST_F(MockRoadTest, ARecordingGoesFromStartToSuccessAndTheBackendHoldsEveryChun
     ASSERT_EQ(accepted.size(), static_cast<std::size_t>(last));
     for (const auto& [sequence, bodies] : accepted) {
         ASSERT_EQ(bodies.size(), 1u) << "chunk " << sequence << " was stored more than once";
-        EXPECT_EQ(bodies[0], Bytes(2048, static_cast<std::uint8_t>(sequence))) << "chunk " << sequence;
+        EXPECT_EQ(bodies[0], MockRecorder::chunkContent(sequence, 2048)) << "chunk " << sequence;
     }
 
     auto finalized = backend->finalized();
