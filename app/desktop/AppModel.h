@@ -1,0 +1,242 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariantList>
+#include <QVariantMap>
+
+#include <memory>
+
+namespace kavelo {
+
+class AppEnvironment;
+
+// The one observable object the screens read: a main-thread copy of the coordinator's state, the session,
+// the device lists, dashboard activity, tips and updates. Screens bind to its properties and call its
+// invokables; every decision that needs no Qt lives in a plain class beside it. Core callbacks arrive on
+// other threads and reach it only through queued calls.
+class AppModel : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(bool isSignedIn READ isSignedIn NOTIFY isSignedInChanged)
+    Q_PROPERTY(QString onboardingStep READ onboardingStep NOTIFY onboardingStepChanged)
+    // userId, email, fullName, organizationName, role; empty without a profile.
+    Q_PROPERTY(QVariantMap profile READ profile NOTIFY profileChanged)
+    // The coordinator's phase as its raw value ("idle", "recording", ...).
+    Q_PROPERTY(QString phase READ phase NOTIFY phaseChanged)
+    // Active seconds of the running recording, refreshed on every tick.
+    Q_PROPERTY(int elapsedSeconds READ elapsedSeconds NOTIFY elapsedSecondsChanged)
+    Q_PROPERTY(QStringList warnings READ warnings NOTIFY warningsChanged)
+    Q_PROPERTY(QString processingLine READ processingLine NOTIFY processingLineChanged)
+    Q_PROPERTY(QString startBlocker READ startBlocker NOTIFY startBlockerChanged)
+    Q_PROPERTY(int speakerRevision READ speakerRevision NOTIFY speakerRevisionChanged)
+    Q_PROPERTY(bool isMappingInFlight READ isMappingInFlight NOTIFY isMappingInFlightChanged)
+    Q_PROPERTY(QVariantMap successSummary READ successSummary NOTIFY successSummaryChanged)
+    Q_PROPERTY(QVariantList missingChunks READ missingChunks NOTIFY missingChunksChanged)
+    // Lists of {id, name, isDefault}.
+    Q_PROPERTY(QVariantList microphones READ microphones NOTIFY devicesChanged)
+    Q_PROPERTY(QVariantList outputs READ outputs NOTIFY devicesChanged)
+    Q_PROPERTY(QVariantList systemSources READ systemSources NOTIFY devicesChanged)
+    Q_PROPERTY(QString selectedMicrophoneId READ selectedMicrophoneId WRITE setSelectedMicrophoneId NOTIFY
+                   selectedMicrophoneIdChanged)
+    Q_PROPERTY(QString selectedOutputId READ selectedOutputId NOTIFY selectedOutputIdChanged)
+    // "off", "system" or "app".
+    Q_PROPERTY(
+        QString systemAudioMode READ systemAudioMode WRITE setSystemAudioMode NOTIFY systemAudioModeChanged)
+    Q_PROPERTY(QString selectedSystemSourceId READ selectedSystemSourceId WRITE setSelectedSystemSourceId
+                   NOTIFY selectedSystemSourceIdChanged)
+    Q_PROPERTY(QString micPermission READ micPermission NOTIFY permissionsChanged)
+    Q_PROPERTY(QString systemAudioPermission READ systemAudioPermission NOTIFY permissionsChanged)
+    Q_PROPERTY(QString audioCapturePermission READ audioCapturePermission NOTIFY permissionsChanged)
+    Q_PROPERTY(QString meetingName READ meetingName WRITE setMeetingName NOTIFY meetingNameChanged)
+    // {state: "unknown"|"upToDate"|"available"|"required", version, downloadUrl, notes}.
+    Q_PROPERTY(QVariantMap updateStatus READ updateStatus NOTIFY updateStatusChanged)
+    // Lists of {version, title, body}.
+    Q_PROPERTY(QVariantList unseenNotes READ unseenNotes NOTIFY unseenNotesChanged)
+    // Lists of {id, title, body, url}.
+    Q_PROPERTY(QVariantList tips READ tips NOTIFY tipsChanged)
+    Q_PROPERTY(bool tipsEnabled READ tipsEnabled WRITE setTipsEnabled NOTIFY tipsEnabledChanged)
+    // Lists of {recordingId, meetingName, phase, createdAt (ISO 8601), updatedAt}.
+    Q_PROPERTY(QVariantList dashboardActivity READ dashboardActivity NOTIFY dashboardActivityChanged)
+    Q_PROPERTY(
+        bool educationFirstRecordingPending READ educationFirstRecordingPending NOTIFY educationChanged)
+    Q_PROPERTY(
+        bool educationProcessingStatusPending READ educationProcessingStatusPending NOTIFY educationChanged)
+    Q_PROPERTY(
+        bool educationReportSettingsPending READ educationReportSettingsPending NOTIFY educationChanged)
+    Q_PROPERTY(QString successRecordingId READ successRecordingId NOTIFY successRecordingIdChanged)
+    Q_PROPERTY(QString detectedMeetingApp READ detectedMeetingApp NOTIFY detectedMeetingAppChanged)
+    Q_PROPERTY(bool sessionExpired READ sessionExpired NOTIFY sessionExpiredChanged)
+    // "home", "team", "settings" or empty; the main window consumes it and clears it.
+    Q_PROPERTY(QString requestedSection READ requestedSection WRITE setRequestedSection NOTIFY
+                   requestedSectionChanged)
+    Q_PROPERTY(QString requestedSettingsSection READ requestedSettingsSection WRITE
+                   setRequestedSettingsSection NOTIFY requestedSettingsSectionChanged)
+    Q_PROPERTY(bool indicatorCollapsed READ indicatorCollapsed WRITE setIndicatorCollapsed NOTIFY
+                   indicatorCollapsedChanged)
+    // Whether the network is reachable as far as the desktop knows; true where nobody can tell.
+    Q_PROPERTY(bool online READ online NOTIFY onlineChanged)
+    Q_PROPERTY(bool canStartFromUI READ canStartFromUI NOTIFY derivedChanged)
+    Q_PROPERTY(bool menuBarShowsRecording READ menuBarShowsRecording NOTIFY derivedChanged)
+    Q_PROPERTY(bool callAudioUnavailable READ callAudioUnavailable NOTIFY derivedChanged)
+    Q_PROPERTY(bool isRestrictedOrgMember READ isRestrictedOrgMember NOTIFY derivedChanged)
+    Q_PROPERTY(QStringList visibleSidebarSections READ visibleSidebarSections NOTIFY derivedChanged)
+    // True in mock mode: the screens say so, quietly.
+    Q_PROPERTY(bool mockMode READ mockMode CONSTANT)
+
+  public:
+    explicit AppModel(AppEnvironment& env, QObject* parent = nullptr);
+    ~AppModel() override;
+
+    bool isSignedIn() const { return isSignedIn_; }
+    QString onboardingStep() const { return onboardingStep_; }
+    QVariantMap profile() const { return profile_; }
+    QString phase() const { return phase_; }
+    int elapsedSeconds() const { return elapsedSeconds_; }
+    QStringList warnings() const { return warnings_; }
+    QString processingLine() const { return processingLine_; }
+    QString startBlocker() const { return startBlocker_; }
+    int speakerRevision() const { return speakerRevision_; }
+    bool isMappingInFlight() const { return isMappingInFlight_; }
+    QVariantMap successSummary() const { return successSummary_; }
+    QVariantList missingChunks() const { return missingChunks_; }
+    QVariantList microphones() const { return microphones_; }
+    QVariantList outputs() const { return outputs_; }
+    QVariantList systemSources() const { return systemSources_; }
+    QString selectedMicrophoneId() const { return selectedMicrophoneId_; }
+    void setSelectedMicrophoneId(const QString& id);
+    QString selectedOutputId() const { return selectedOutputId_; }
+    QString systemAudioMode() const { return systemAudioMode_; }
+    void setSystemAudioMode(const QString& mode);
+    QString selectedSystemSourceId() const { return selectedSystemSourceId_; }
+    void setSelectedSystemSourceId(const QString& id);
+    QString micPermission() const { return micPermission_; }
+    QString systemAudioPermission() const { return systemAudioPermission_; }
+    QString audioCapturePermission() const { return audioCapturePermission_; }
+    QString meetingName() const { return meetingName_; }
+    void setMeetingName(const QString& name);
+    QVariantMap updateStatus() const { return updateStatus_; }
+    QVariantList unseenNotes() const { return unseenNotes_; }
+    QVariantList tips() const { return tips_; }
+    bool tipsEnabled() const { return tipsEnabled_; }
+    void setTipsEnabled(bool enabled);
+    QVariantList dashboardActivity() const { return dashboardActivity_; }
+    bool educationFirstRecordingPending() const { return educationFirstRecordingPending_; }
+    bool educationProcessingStatusPending() const { return educationProcessingStatusPending_; }
+    bool educationReportSettingsPending() const { return educationReportSettingsPending_; }
+    QString successRecordingId() const { return successRecordingId_; }
+    QString detectedMeetingApp() const { return detectedMeetingApp_; }
+    bool sessionExpired() const { return sessionExpired_; }
+    QString requestedSection() const { return requestedSection_; }
+    void setRequestedSection(const QString& section);
+    QString requestedSettingsSection() const { return requestedSettingsSection_; }
+    void setRequestedSettingsSection(const QString& section);
+    bool indicatorCollapsed() const { return indicatorCollapsed_; }
+    void setIndicatorCollapsed(bool collapsed);
+    bool online() const { return online_; }
+    bool canStartFromUI() const;
+    bool menuBarShowsRecording() const;
+    bool callAudioUnavailable() const;
+    bool isRestrictedOrgMember() const;
+    QStringList visibleSidebarSections() const;
+    bool mockMode() const;
+
+    // The recording's controls; each hands the work to the coordinator off the main thread.
+    Q_INVOKABLE void startRecording();
+    Q_INVOKABLE void stopRecording();
+    Q_INVOKABLE void pauseRecording();
+    Q_INVOKABLE void resumeRecording();
+    Q_INVOKABLE void signInWithPassword(const QString& email, const QString& password);
+    Q_INVOKABLE void signOut();
+    Q_INVOKABLE void refreshDevices();
+    Q_INVOKABLE void reloadDashboardActivity();
+    Q_INVOKABLE void loadTips();
+    Q_INVOKABLE void dismissTip(const QString& tipId);
+    Q_INVOKABLE void markReleaseNotesSeen();
+    // Opens the release's download address in the browser: the desktop's package manager or the user
+    // installs it; the program never replaces itself.
+    Q_INVOKABLE void openUpdateDownload();
+    Q_INVOKABLE void onAppForeground();
+    Q_INVOKABLE void checkSessionHealth();
+
+  signals:
+    void isSignedInChanged();
+    void onboardingStepChanged();
+    void profileChanged();
+    void phaseChanged();
+    void elapsedSecondsChanged();
+    void warningsChanged();
+    void processingLineChanged();
+    void startBlockerChanged();
+    void speakerRevisionChanged();
+    void isMappingInFlightChanged();
+    void successSummaryChanged();
+    void missingChunksChanged();
+    void devicesChanged();
+    void selectedMicrophoneIdChanged();
+    void selectedOutputIdChanged();
+    void systemAudioModeChanged();
+    void selectedSystemSourceIdChanged();
+    void permissionsChanged();
+    void meetingNameChanged();
+    void updateStatusChanged();
+    void unseenNotesChanged();
+    void tipsChanged();
+    void tipsEnabledChanged();
+    void dashboardActivityChanged();
+    void educationChanged();
+    void successRecordingIdChanged();
+    void detectedMeetingAppChanged();
+    void sessionExpiredChanged();
+    void requestedSectionChanged();
+    void requestedSettingsSectionChanged();
+    void indicatorCollapsedChanged();
+    void onlineChanged();
+    void derivedChanged();
+    // A recording failed to start or a sign-in failed: a text for the user, already in their language.
+    void errorOccurred(const QString& message);
+
+  private:
+    AppEnvironment& env_;
+
+    bool isSignedIn_ = false;
+    QString onboardingStep_ = QStringLiteral("welcome");
+    QVariantMap profile_;
+    QString phase_ = QStringLiteral("signed_out");
+    int elapsedSeconds_ = 0;
+    QStringList warnings_;
+    QString processingLine_;
+    QString startBlocker_;
+    int speakerRevision_ = 0;
+    bool isMappingInFlight_ = false;
+    QVariantMap successSummary_;
+    QVariantList missingChunks_;
+    QVariantList microphones_;
+    QVariantList outputs_;
+    QVariantList systemSources_;
+    QString selectedMicrophoneId_;
+    QString selectedOutputId_;
+    QString systemAudioMode_ = QStringLiteral("system");
+    QString selectedSystemSourceId_ = QStringLiteral("system");
+    QString micPermission_ = QStringLiteral("notDetermined");
+    QString systemAudioPermission_ = QStringLiteral("notDetermined");
+    QString audioCapturePermission_ = QStringLiteral("granted");
+    QString meetingName_;
+    QVariantMap updateStatus_{{QStringLiteral("state"), QStringLiteral("unknown")}};
+    QVariantList unseenNotes_;
+    QVariantList tips_;
+    bool tipsEnabled_ = true;
+    QVariantList dashboardActivity_;
+    bool educationFirstRecordingPending_ = false;
+    bool educationProcessingStatusPending_ = false;
+    bool educationReportSettingsPending_ = false;
+    QString successRecordingId_;
+    QString detectedMeetingApp_;
+    bool sessionExpired_ = false;
+    QString requestedSection_;
+    QString requestedSettingsSection_;
+    bool indicatorCollapsed_ = false;
+    bool online_ = true;
+};
+
+} // namespace kavelo

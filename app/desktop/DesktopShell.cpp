@@ -1,0 +1,39 @@
+#include "app/desktop/DesktopShell.h"
+
+#include "app/desktop/AppModel.h"
+#include "app/desktop/CopyObject.h"
+
+#include <QQmlApplicationEngine>
+#include <QQmlContext>
+
+namespace kavelo {
+
+DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options options, QObject* parent)
+    : QObject(parent), env_(std::make_unique<AppEnvironment>(mode, std::move(options))),
+      engine_(std::make_unique<QQmlApplicationEngine>()) {
+    model_ = new AppModel(*env_, this);
+    // Until the language tables are wired in, a key reads as itself.
+    copy_ = new CopyObject({[](std::string_view key) { return std::string(key); },
+                            [] { return std::string("nl"); }, [](const std::string&) {}},
+                           this);
+    auto* context = engine_->rootContext();
+    context->setContextProperty(QStringLiteral("app"), model_);
+    context->setContextProperty(QStringLiteral("copy"), copy_);
+    // Setting the context property again, to the same object, re-evaluates every binding that reads a
+    // text through it: that is how a change of language reaches every screen at once.
+    connect(copy_, &CopyObject::languageChanged, this,
+            [this] { engine_->rootContext()->setContextProperty(QStringLiteral("copy"), copy_); });
+}
+
+DesktopShell::~DesktopShell() {
+    // The screens go before the objects they bind to.
+    engine_.reset();
+}
+
+bool DesktopShell::load(const QString& screenFile) {
+    const auto before = engine_->rootObjects().size();
+    engine_->load(QUrl(QStringLiteral("qrc:/Kavely/Screens/") + screenFile));
+    return engine_->rootObjects().size() > before;
+}
+
+} // namespace kavelo

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "app/shell/AppEnvironment.h"
+
+#include <QObject>
+#include <QUrl>
+
+#include <memory>
+
+class QQmlApplicationEngine;
+
+namespace kavelo {
+
+class AppModel;
+class CopyObject;
+
+// Composes the desktop program: the environment (live or mock), the language tables, the model and the
+// QML engine that shows the screens. The program and the gallery test build the same thing through it.
+class DesktopShell : public QObject {
+    Q_OBJECT
+
+  public:
+    DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options options, QObject* parent = nullptr);
+    ~DesktopShell() override;
+
+    AppEnvironment& environment() { return *env_; }
+    AppModel& model() { return *model_; }
+    CopyObject& copy() { return *copy_; }
+    QQmlApplicationEngine& engine() { return *engine_; }
+
+    // Loads a screen from the screens module, e.g. "Main.qml"; false when it could not be created.
+    bool load(const QString& screenFile);
+
+  private:
+    std::unique_ptr<AppEnvironment> env_;
+    std::unique_ptr<QQmlApplicationEngine> engine_;
+    AppModel* model_ = nullptr; // owned by this QObject
+    CopyObject* copy_ = nullptr;
+};
+
+} // namespace kavelo
