@@ -30,10 +30,10 @@ void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
     bool becameLow = false;
     {
         std::lock_guard lock(mutex_);
-        receivedSequences_.insert(event.sequence);
-        wasSilent = std::exchange(warnings_.noAudio, false);
-        becameLow = low && !std::exchange(warnings_.diskSpaceLow, low);
-        warnings_.diskSpaceLow = low;
+        live_.receivedSequences.insert(event.sequence);
+        wasSilent = std::exchange(live_.warnings.noAudio, false);
+        becameLow = low && !std::exchange(live_.warnings.diskSpaceLow, low);
+        live_.warnings.diskSpaceLow = low;
     }
     if (becameLow) {
         log(LogLevel::warn,
@@ -43,7 +43,7 @@ void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
     if (wasSilent) {
         fire(RecordingEvent::audioReturned());
     }
-    cancelTask(&RecordingCoordinator::noChunkWatchdogTask_);
+    cancelTask(live_.noChunkWatchdogTask);
     notifyTick();
 }
 
@@ -62,27 +62,27 @@ void RecordingCoordinator::handleRecorderStateChange(const RecorderStateChange& 
         break;
     case RecorderState::routeChanged: {
         std::lock_guard lock(mutex_);
-        warnings_.routeChange = change.friendlyName.value_or(change.inputName.value_or(""));
+        live_.warnings.routeChange = change.friendlyName.value_or(change.inputName.value_or(""));
     }
         fire(RecordingEvent::routeChanged());
         fire(RecordingEvent::routeSettled());
         break;
     case RecorderState::networkOnline: {
         std::lock_guard lock(mutex_);
-        warnings_.offlineBuffering = false;
+        live_.warnings.offlineBuffering = false;
     }
         fire(RecordingEvent::backOnline());
         uploader_->scheduleDrain();
         break;
     case RecorderState::networkOffline: {
         std::lock_guard lock(mutex_);
-        warnings_.offlineBuffering = true;
+        live_.warnings.offlineBuffering = true;
     }
         fire(RecordingEvent::wentOffline());
         break;
     case RecorderState::error: {
         std::lock_guard lock(mutex_);
-        warnings_.deviceWarning = change.errorCode.value_or(change.reason.value_or("Audiofout"));
+        live_.warnings.deviceWarning = change.errorCode.value_or(change.reason.value_or("Audiofout"));
     }
         fire(RecordingEvent::deviceWarning());
         break;
@@ -105,7 +105,7 @@ void RecordingCoordinator::handleAudioError(const AudioErrorEvent& event) {
     if (event.code == "SILENT_AUDIO_DETECTED") {
         {
             std::lock_guard lock(mutex_);
-            warnings_.noAudio = true;
+            live_.warnings.noAudio = true;
         }
         fire(RecordingEvent::noAudioWarning());
     } else if (event.code == "ENGINE_STALLED_PERMANENT") {
@@ -113,17 +113,17 @@ void RecordingCoordinator::handleAudioError(const AudioErrorEvent& event) {
     } else if (event.code == "NO_MICROPHONE_INPUT") {
         {
             std::lock_guard lock(mutex_);
-            warnings_.deviceWarning = "Geen microfooninvoer — kies een andere microfoon.";
+            live_.warnings.deviceWarning = "Geen microfooninvoer — kies een andere microfoon.";
         }
         fire(RecordingEvent::deviceWarning());
     } else if (event.code == "SYSTEM_AUDIO_TAP_UNAVAILABLE") {
         // The recording goes on with the microphone alone.
         std::lock_guard lock(mutex_);
-        warnings_.systemAudioFallback = true;
+        live_.warnings.systemAudioFallback = true;
     } else {
         {
             std::lock_guard lock(mutex_);
-            warnings_.deviceWarning = event.message;
+            live_.warnings.deviceWarning = event.message;
         }
         fire(RecordingEvent::deviceWarning());
     }
@@ -137,7 +137,7 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
         if (event.sequence) {
             {
                 std::lock_guard lock(mutex_);
-                localUploaded_.insert(*event.sequence);
+                live_.localUploaded.insert(*event.sequence);
             }
             diagnostics_->chunkUploaded();
         }
@@ -150,11 +150,11 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
         break;
     case NativeUploadEventKind::storeHeld: {
         std::lock_guard lock(mutex_);
-        warnings_.diskFull = true;
+        live_.warnings.diskFull = true;
     } break;
     case NativeUploadEventKind::storeResumed: {
         std::lock_guard lock(mutex_);
-        warnings_.diskFull = false;
+        live_.warnings.diskFull = false;
     } break;
     case NativeUploadEventKind::urlFetchFailed:
         log(LogLevel::warn, "signed url fetch failed status=" +
@@ -167,35 +167,34 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
 }
 
 void RecordingCoordinator::startNoChunkWatchdog() {
-    startTask(
-        &RecordingCoordinator::noChunkWatchdogTask_,
-        [clock = clock_, seconds = timings_.noFirstChunkWarning](std::weak_ptr<RecordingCoordinator> weak) {
-            if (!sleepAndContinue(*clock, seconds)) {
-                return;
-            }
-            auto self = weak.lock();
-            if (!self) {
-                return;
-            }
-            // Audio encoded without a chunk yet is a quiet meeting, not a dead pipeline: silence fills a
-            // chunk only every few minutes.
-            const bool audioArrived = self->recorder_->runtimeState().totalBytesEncoded > 0;
-            bool silent = false;
-            {
-                std::lock_guard lock(self->mutex_);
-                silent =
-                    isCapturing(self->machine_.phase()) && self->receivedSequences_.empty() && !audioArrived;
-                if (silent) {
-                    self->warnings_.noAudio = true;
-                }
-            }
+    startTask(live_.noChunkWatchdogTask, [clock = clock_, seconds = timings_.noFirstChunkWarning](
+                                             std::weak_ptr<RecordingCoordinator> weak) {
+        if (!sleepAndContinue(*clock, seconds)) {
+            return;
+        }
+        auto self = weak.lock();
+        if (!self) {
+            return;
+        }
+        // Audio encoded without a chunk yet is a quiet meeting, not a dead pipeline: silence fills a
+        // chunk only every few minutes.
+        const bool audioArrived = self->recorder_->runtimeState().totalBytesEncoded > 0;
+        bool silent = false;
+        {
+            std::lock_guard lock(self->mutex_);
+            silent =
+                isCapturing(self->machine_.phase()) && self->live_.receivedSequences.empty() && !audioArrived;
             if (silent) {
-                self->fire(RecordingEvent::noAudioWarning());
-                self->log(LogLevel::warn,
-                          "no first chunk after " + std::to_string(static_cast<long long>(seconds)) + "s");
-                self->notifyTick();
+                self->live_.warnings.noAudio = true;
             }
-        });
+        }
+        if (silent) {
+            self->fire(RecordingEvent::noAudioWarning());
+            self->log(LogLevel::warn,
+                      "no first chunk after " + std::to_string(static_cast<long long>(seconds)) + "s");
+            self->notifyTick();
+        }
+    });
 }
 
 void RecordingCoordinator::pauseRecording() {
@@ -208,8 +207,8 @@ void RecordingCoordinator::pauseRecording() {
         }
         manifest.recordingId = *recordingId_;
         manifest.recordingSecret = recordingSecret_;
-        manifest.startedAt = startedAt_.value_or(now);
-        manifest.totalPausedMs = totalPausedMs_;
+        manifest.startedAt = live_.startedAt.value_or(now);
+        manifest.totalPausedMs = live_.totalPausedMs;
         if (context_) {
             manifest.meetingName = context_->meetingName;
             manifest.userId = context_->user.id;
@@ -232,9 +231,9 @@ void RecordingCoordinator::pauseRecording() {
     }
     {
         std::lock_guard lock(mutex_);
-        pauseStartedAt_ = clock_->now();
+        live_.pauseStartedAt = clock_->now();
     }
-    cancelTask(&RecordingCoordinator::noChunkWatchdogTask_);
+    cancelTask(live_.noChunkWatchdogTask);
     fire(RecordingEvent::userPaused());
     log(LogLevel::info, "user paused");
     sendPauseHeartbeat();
@@ -266,8 +265,8 @@ void RecordingCoordinator::sendPauseHeartbeat() {
 }
 
 void RecordingCoordinator::startHeartbeatLoop() {
-    startTask(&RecordingCoordinator::heartbeatTask_, [clock = clock_, interval = timings_.heartbeatInterval](
-                                                         std::weak_ptr<RecordingCoordinator> weak) {
+    startTask(live_.heartbeatTask, [clock = clock_, interval = timings_.heartbeatInterval](
+                                       std::weak_ptr<RecordingCoordinator> weak) {
         for (;;) {
             if (!sleepAndContinue(*clock, interval)) {
                 return;
@@ -286,32 +285,32 @@ void RecordingCoordinator::startHeartbeatLoop() {
 }
 
 void RecordingCoordinator::startMaxPauseTimer() {
-    startTask(&RecordingCoordinator::maxPauseTask_, [clock = clock_, maxPause = timings_.maxPause](
-                                                        std::weak_ptr<RecordingCoordinator> weak) {
-        if (!sleepAndContinue(*clock, maxPause)) {
-            return;
-        }
-        auto self = weak.lock();
-        if (!self || self->phase() != RecordingPhase::pausedUser) {
-            return;
-        }
-        self->log(LogLevel::warn, "max pause exceeded — auto safe stop");
-        // The stop cancels this timer's own task; it runs on a task of its own so that the
-        // recorder's stop is not made to wake up cancelled.
-        self->startTask(&RecordingCoordinator::autoStopTask_, [](std::weak_ptr<RecordingCoordinator> w) {
-            if (auto coordinator = w.lock()) {
-                coordinator->stopFromPause();
-            }
-        });
-    });
+    startTask(live_.maxPauseTask,
+              [clock = clock_, maxPause = timings_.maxPause](std::weak_ptr<RecordingCoordinator> weak) {
+                  if (!sleepAndContinue(*clock, maxPause)) {
+                      return;
+                  }
+                  auto self = weak.lock();
+                  if (!self || self->phase() != RecordingPhase::pausedUser) {
+                      return;
+                  }
+                  self->log(LogLevel::warn, "max pause exceeded — auto safe stop");
+                  // The stop cancels this timer's own task; it runs on a task of its own so that the
+                  // recorder's stop is not made to wake up cancelled.
+                  self->startTask(self->live_.autoStopTask, [](std::weak_ptr<RecordingCoordinator> w) {
+                      if (auto coordinator = w.lock()) {
+                          coordinator->stopFromPause();
+                      }
+                  });
+              });
 }
 
 void RecordingCoordinator::resumeRecording() {
     if (!fire(RecordingEvent::userResumedRequested())) {
         return;
     }
-    cancelTask(&RecordingCoordinator::heartbeatTask_);
-    cancelTask(&RecordingCoordinator::maxPauseTask_);
+    cancelTask(live_.heartbeatTask);
+    cancelTask(live_.maxPauseTask);
     try {
         recorder_->resume();
     } catch (const std::exception& e) {
@@ -330,11 +329,11 @@ void RecordingCoordinator::resumeRecording() {
     {
         auto now = clock_->now();
         std::lock_guard lock(mutex_);
-        if (pauseStartedAt_) {
-            totalPausedMs_ += millisecondsBetween(*pauseStartedAt_, now);
-            pauseStartedAt_.reset();
+        if (live_.pauseStartedAt) {
+            live_.totalPausedMs += millisecondsBetween(*live_.pauseStartedAt, now);
+            live_.pauseStartedAt.reset();
         }
-        total = totalPausedMs_;
+        total = live_.totalPausedMs;
     }
     if (auto manifest = recoveryStore_->load()) {
         manifest->isPaused = false;
@@ -349,14 +348,14 @@ void RecordingCoordinator::resumeRecording() {
 }
 
 void RecordingCoordinator::stopFromPause() {
-    cancelTask(&RecordingCoordinator::heartbeatTask_);
-    cancelTask(&RecordingCoordinator::maxPauseTask_);
+    cancelTask(live_.heartbeatTask);
+    cancelTask(live_.maxPauseTask);
     {
         auto now = clock_->now();
         std::lock_guard lock(mutex_);
-        if (pauseStartedAt_) {
-            totalPausedMs_ += millisecondsBetween(*pauseStartedAt_, now);
-            pauseStartedAt_.reset();
+        if (live_.pauseStartedAt) {
+            live_.totalPausedMs += millisecondsBetween(*live_.pauseStartedAt, now);
+            live_.pauseStartedAt.reset();
         }
     }
     if (fire(RecordingEvent::stopWhilePaused())) {
@@ -391,6 +390,75 @@ void RecordingCoordinator::switchSystemAudio(SystemAudioMode mode,
     }
     log(LogLevel::info, "switched system audio to " + std::string(toRaw(mode)));
     notifyTick();
+}
+
+// Stop request
+
+void RecordingCoordinator::stopTapped() {
+    if (!fire(RecordingEvent::stopTapped())) {
+        return;
+    }
+    // For a long recording the backend needs time for the names; give it the time the dialog is open.
+    if (elapsedActiveSeconds() >= timings_.longRecordingThreshold) {
+        startMappingTask(longMappingPoll());
+    }
+}
+
+void RecordingCoordinator::stopCancelled() {
+    mapping_->abort();
+    fire(RecordingEvent::stopCancelled());
+}
+
+void RecordingCoordinator::stopConfirmed() {
+    if (fire(RecordingEvent::stopConfirmed())) {
+        performStop();
+    }
+}
+
+void RecordingCoordinator::performStop() {
+    mapping_->resetForNewStopFlow();
+    cancelTask(live_.noChunkWatchdogTask);
+
+    int last = 0;
+    try {
+        last = recorder_->stop();
+    } catch (const std::exception& e) {
+        log(LogLevel::error, std::string("native stop failed: ") + e.what());
+        fire(RecordingEvent::fatalError());
+        return;
+    }
+
+    auto now = clock_->now();
+    std::optional<std::string> recordingId;
+    RecordingManifest manifest;
+    {
+        std::lock_guard lock(mutex_);
+        live_.lastSequence = last;
+        recordingId = recordingId_;
+        manifest.recordingSecret = recordingSecret_;
+        manifest.startedAt = live_.startedAt.value_or(now);
+        manifest.totalPausedMs = live_.totalPausedMs;
+        manifest.elapsedSeconds = elapsedActiveSecondsLocked(now);
+        if (context_) {
+            manifest.meetingName = context_->meetingName;
+            manifest.userId = context_->user.id;
+        }
+    }
+    log(LogLevel::info, "stopped lastSequence=" + std::to_string(last));
+    // Audio the capture could not hand over in time is a gap in the recording: the diagnostics say so.
+    if (const auto dropped = recorder_->runtimeState().droppedCycles; dropped > 0) {
+        log(LogLevel::warn, "capture lost " + std::to_string(dropped) + " audio cycles");
+    }
+    if (recordingId) {
+        // From here a crash leads to the review, not back to the capture.
+        manifest.recordingId = *recordingId;
+        manifest.stage = RecordingManifest::Stage::stopped;
+        manifest.lastSequence = last;
+        saveManifest(manifest);
+    }
+    fire(RecordingEvent::nativeStopped(last));
+    startBackgroundReconciliation();
+    runProcessingSequence();
 }
 
 } // namespace kavelo

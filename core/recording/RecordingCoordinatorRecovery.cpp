@@ -170,9 +170,10 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
             std::lock_guard lock(mutex_);
             recordingId_ = m.recordingId;
             recordingSecret_ = m.recordingSecret;
-            startedAt_ = m.startedAt;
-            totalPausedMs_ = m.totalPausedMs;
-            pauseStartedAt_ = m.isPaused ? std::optional<TimePoint>(m.pausedAt.value_or(now)) : std::nullopt;
+            live_.startedAt = m.startedAt;
+            live_.totalPausedMs = m.totalPausedMs;
+            live_.pauseStartedAt =
+                m.isPaused ? std::optional<TimePoint>(m.pausedAt.value_or(now)) : std::nullopt;
             context_ = recoveredContext(user, userName, m);
         }
         configureUploader();
@@ -194,14 +195,14 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
         std::lock_guard lock(mutex_);
         recordingId_ = m.recordingId;
         recordingSecret_ = m.recordingSecret;
-        startedAt_ = m.startedAt;
-        totalPausedMs_ = m.totalPausedMs;
-        lastSequence_ = m.lastSequence;
+        live_.startedAt = m.startedAt;
+        live_.totalPausedMs = m.totalPausedMs;
+        live_.lastSequence = m.lastSequence;
         context_ = recoveredContext(user, userName, m);
-        share_ = ShareComposer(user.email);
-        ++shareVersion_;
-        speakerList_ = {};
-        ++speakerListVersion_;
+        review_.share = ShareComposer(user.email);
+        ++review_.shareVersion;
+        review_.speakerList = {};
+        ++review_.speakerListVersion;
     }
     configureUploader();
     auto stored = storedChunks(m.recordingId);
@@ -219,7 +220,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
         if (!acknowledged.empty()) {
             uploader_->acceptServerAcks(acknowledged);
             std::lock_guard lock(mutex_);
-            localUploaded_.insert(acknowledged.begin(), acknowledged.end());
+            live_.localUploaded.insert(acknowledged.begin(), acknowledged.end());
         }
     }
     mapping_->resetForNewRecording();
