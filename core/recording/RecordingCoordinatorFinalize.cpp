@@ -67,7 +67,10 @@ void RecordingCoordinator::runFinalizePipeline() {
         context = context_;
     }
     if (!recordingId || !last || !context) {
-        fire(RecordingEvent::finalizeFailed(false));
+        // The pipeline runs in the wait for the uploads, which a finalize failure does not leave: without
+        // a last chunk the wait cannot end, so it ends here as incomplete and the retry stays refused.
+        log(LogLevel::error, "finalize impossible: no stopped recording to send");
+        fire(RecordingEvent::uploadsIncomplete());
         return;
     }
     const std::string id = *recordingId;

@@ -163,11 +163,26 @@ TEST_F(CoordinatorRecoveryTest, AStoppedRecordingGoesToTheReviewWithMissingFiles
     EXPECT_TRUE(logged("processing failsafe: chunk completion not done after 8s"));
 }
 
-TEST_F(CoordinatorRecoveryTest, AStoppedRecordingWithoutALastSequenceAcknowledgesNothing) {
+TEST_F(CoordinatorRecoveryTest, AStoppedRecordingWithoutALastSequenceAcknowledgesNothingAndCannotStick) {
     recovery->save(manifest(RecordingManifest::Stage::stopped));
     EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
     EXPECT_TRUE(uploader->acks().empty());
     EXPECT_EQ(coordinator->phase(), P::processingMapping);
+
+    // Without a last chunk there is nothing to wait for: the send must end in an error the user can leave,
+    // not in a wait that no event ends.
+    waitForSleepersExactly(2);
+    clock->advance(9.05);
+    waitForPhase(P::speakerReview);
+    coordinator->confirmSpeakers();
+    ASSERT_EQ(coordinator->phase(), P::shareReview);
+    EXPECT_EQ(coordinator->submitShare(true), RecordingCoordinator::SubmitOutcome::started);
+    EXPECT_EQ(coordinator->phase(), P::errorRecoverable);
+    EXPECT_FALSE(coordinator->canRetryFinalize());
+    EXPECT_TRUE(api->finalizes().empty());
+    coordinator->dismissToIdle();
+    EXPECT_EQ(coordinator->phase(), P::idle);
+    EXPECT_TRUE(recovery->load().has_value()) << "the recording stays for the next sign-in";
 }
 
 TEST_F(CoordinatorRecoveryTest, ACaptureThatDiedWithTheEarlierProcessIsSettledAtTheHighestChunkKnown) {
