@@ -220,7 +220,7 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     std::optional<RecoveryDecision> finishInterruptedFinalize(const RecordingManifest& manifest);
     // Writes the report request's state into the stored manifest of recordingId, if it is still there.
     void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
-    void sealJournalOfInterruptedCapture(const std::string& recordingId, const std::vector<int>& onServer);
+    void sealJournalsOfInterruptedRecording(const std::string& recordingId, const std::vector<int>& onServer);
     [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
     [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
     void setBlocker(StartBlocker blocker);

@@ -297,3 +297,20 @@ TEST_F(CoordinatorRecoveryTest, TheJournalOfTheChunkBeingFilledBecomesTheLastChu
     EXPECT_TRUE(chunkStore->journalSequences("rec-old").empty());
     EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{1}}));
 }
+
+TEST_F(CoordinatorRecoveryTest, TheJournalOfTheFinalChunkOfAStopThatDiedBecomesThatChunk) {
+    // The stop was saved with its last chunk, but the process died before that chunk reached the disk:
+    // only its journal holds the end of the recording. Chunks 1 and 2 were uploaded and left the disk.
+    auto m = manifest(RecordingManifest::Stage::stopped);
+    m.lastSequence = 3;
+    recovery->save(m);
+    const Bytes audio = MockRecorder::chunkContent(3, 30000);
+    chunkStore->appendJournal("rec-old", 3, audio);
+
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(chunkStore->read("rec-old", 3), audio);
+    EXPECT_TRUE(chunkStore->journalSequences("rec-old").empty());
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{3}}));
+    EXPECT_EQ(uploader->acks(), (std::vector<std::vector<int>>{{1, 2}})) << "chunk 3 is not counted as sent";
+    EXPECT_TRUE(logged("recovered recording: journal sealed as chunk 3"));
+}
