@@ -242,6 +242,7 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     void handleAudioError(const AudioErrorEvent& event);
     void handleUploadEvent(const NativeUploadEvent& event);
 
+    void stopAtChunkLimit(int sequence);
     void startNoChunkWatchdog();
     void sendPauseHeartbeat();
     void startHeartbeatLoop();

@@ -2,6 +2,8 @@
 // watchdog, the user's pause with its heartbeat and upper limit, and device switches.
 #include "core/recording/RecordingCoordinator.h"
 
+#include "core/support/RecordingLimits.h"
+
 namespace kavelo {
 
 // The live session
@@ -45,6 +47,32 @@ void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
     }
     cancelTask(live_.noChunkWatchdogTask);
     notifyTick();
+    if (!event.isFinal && event.sequence == RecordingLimits::maxChunks) {
+        stopAtChunkLimit(event.sequence);
+    }
+}
+
+void RecordingCoordinator::stopAtChunkLimit(int sequence) {
+    // Past the limit every number would be refused by the store, the server and recovery alike, so the
+    // audio after it would be lost; the recording ends here as if the user had stopped it.
+    log(LogLevel::warn, "chunk limit reached at chunk " + std::to_string(sequence) + " — recording stopped");
+    // The chunk came on the recorder's own thread, which the recorder's stop waits for.
+    startTask(live_.autoStopTask, [](std::weak_ptr<RecordingCoordinator> weak) {
+        auto self = weak.lock();
+        if (!self) {
+            return;
+        }
+        const auto phase = self->phase();
+        if (phase == RecordingPhase::pausedUser || phase == RecordingPhase::interruptedSystem ||
+            phase == RecordingPhase::resumeFailed) {
+            self->stopFromPause();
+            return;
+        }
+        if (phase != RecordingPhase::stopConfirm) {
+            self->stopTapped();
+        }
+        self->stopConfirmed();
+    });
 }
 
 void RecordingCoordinator::handleRecorderStateChange(const RecorderStateChange& change) {
