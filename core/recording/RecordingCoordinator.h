@@ -207,9 +207,60 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     RecordingCoordinator(Services services, RecordingCoordinatorHooks hooks, Timings timings);
     void wireEvents();
 
+    // Shared plumbing (RecordingCoordinator.cpp).
     std::optional<RecordingPhase> fire(const RecordingEvent& event);
     void notifyTick();
     void log(LogLevel level, const std::string& message);
+    [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
+    [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
+    // The recovery store's operations; a refusal of the disk is logged as an error, never thrown.
+    void saveManifest(const RecordingManifest& manifest);
+    void clearManifest();
+    void sendDiagnostics(const std::string& recordingId, const std::string& userId,
+                         const DiagnosticsCollector::PayloadInput& input);
+    static bool sleepAndContinue(Clock& clock, double seconds);
+    static double millisecondsBetween(TimePoint from, TimePoint to);
+    static std::vector<int> sequencesOf(const std::vector<FailedChunk>& failed);
+    // Runs body on a task that holds the coordinator weakly and stores it in slot, cancelling the task
+    // that stood there; slot is one of the fields guarded by mutex_.
+    void startTask(Task& slot, std::function<void(std::weak_ptr<RecordingCoordinator>)> body);
+    void cancelTask(Task& slot);
+    void cancelAllTasks();
+
+    // Start (RecordingCoordinatorStart.cpp).
+    void setBlocker(StartBlocker blocker);
+
+    // Live session and stop (RecordingCoordinatorLiveSession.cpp).
+    void handleChunk(const AudioChunkEvent& event);
+    void handleRecorderStateChange(const RecorderStateChange& change);
+    void handleAudioError(const AudioErrorEvent& event);
+    void handleUploadEvent(const NativeUploadEvent& event);
+    void stopAtChunkLimit(int sequence);
+    void startNoChunkWatchdog();
+    void sendPauseHeartbeat();
+    void startHeartbeatLoop();
+    void startMaxPauseTimer();
+    void saveManifestPauseState(bool isPaused, std::optional<TimePoint> pausedAt, double totalPausedMs);
+    void performStop();
+
+    // Processing and review (RecordingCoordinatorReview.cpp).
+    void startBackgroundReconciliation();
+    void runProcessingSequence();
+    void openSpeakerReview();
+    void startMappingTask(std::function<SpeakerMappingService::Outcome()> operation);
+    std::function<SpeakerMappingService::Outcome()> longMappingPoll();
+    std::function<SpeakerMappingService::Outcome()> onDemandMapping();
+    void setProcessingLine(ProcessingLine line);
+
+    // Finalize (RecordingCoordinatorFinalize.cpp).
+    void runFinalizePipeline();
+    void finalizeVerifiedRecording(const std::string& recordingId, int last, const PreflightContext& context);
+    // Writes the report request's state into the stored manifest of recordingId, if it is still there.
+    void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
+
+    // Recovery (RecordingCoordinatorRecovery.cpp).
+    PreflightContext recoveredContext(const AuthUser& user, const std::string& userName,
+                                      const RecordingManifest& manifest) const;
     // For an active manifest whose capture died with the earlier process: the highest chunk on this disk
     // or on the server; absent when the server could not be asked.
     std::optional<int> lastChunkOfInterruptedCapture(const RecordingManifest& manifest);
@@ -218,52 +269,8 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     // For a manifest that holds a report request: sends it again unless it was accepted, then removes the
     // recording here. Absent when the server refused it and the review must run again.
     std::optional<RecoveryDecision> finishInterruptedFinalize(const RecordingManifest& manifest);
-    // Writes the report request's state into the stored manifest of recordingId, if it is still there.
-    void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
+    // Turns the journals an ended process left into chunks; onServer are the chunks known to be there.
     void sealJournalsOfInterruptedRecording(const std::string& recordingId, const std::vector<int>& onServer);
-    [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
-    [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
-    void setBlocker(StartBlocker blocker);
-    // The recovery store's operations; a refusal of the disk is logged as an error, never thrown.
-    void saveManifest(const RecordingManifest& manifest);
-    void clearManifest();
-    static bool sleepAndContinue(Clock& clock, double seconds);
-    static double millisecondsBetween(TimePoint from, TimePoint to);
-    static std::vector<int> sequencesOf(const std::vector<FailedChunk>& failed);
-
-    // Runs body on a task that holds the coordinator weakly and stores it in slot, cancelling
-    // the task that stood there; slot is one of the fields guarded by mutex_.
-    void startTask(Task& slot, std::function<void(std::weak_ptr<RecordingCoordinator>)> body);
-    void cancelTask(Task& slot);
-    void cancelAllTasks();
-
-    void handleChunk(const AudioChunkEvent& event);
-    void handleRecorderStateChange(const RecorderStateChange& change);
-    void handleAudioError(const AudioErrorEvent& event);
-    void handleUploadEvent(const NativeUploadEvent& event);
-
-    void stopAtChunkLimit(int sequence);
-    void startNoChunkWatchdog();
-    void sendPauseHeartbeat();
-    void startHeartbeatLoop();
-    void startMaxPauseTimer();
-    void saveManifestPauseState(bool isPaused, std::optional<TimePoint> pausedAt, double totalPausedMs);
-
-    void performStop();
-    void startBackgroundReconciliation();
-    void runProcessingSequence();
-    void openSpeakerReview();
-    void startMappingTask(std::function<SpeakerMappingService::Outcome()> operation);
-    std::function<SpeakerMappingService::Outcome()> longMappingPoll();
-    std::function<SpeakerMappingService::Outcome()> onDemandMapping();
-    void setProcessingLine(ProcessingLine line);
-    void runFinalizePipeline();
-    void finalizeVerifiedRecording(const std::string& recordingId, int last, const PreflightContext& context);
-
-    PreflightContext recoveredContext(const AuthUser& user, const std::string& userName,
-                                      const RecordingManifest& manifest) const;
-    void sendDiagnostics(const std::string& recordingId, const std::string& userId,
-                         const DiagnosticsCollector::PayloadInput& input);
 
     const AppConfig config_;
     const std::shared_ptr<RecordingAPI> api_;
