@@ -207,9 +207,60 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     RecordingCoordinator(Services services, RecordingCoordinatorHooks hooks, Timings timings);
     void wireEvents();
 
+    // Shared plumbing (RecordingCoordinator.cpp).
     std::optional<RecordingPhase> fire(const RecordingEvent& event);
     void notifyTick();
     void log(LogLevel level, const std::string& message);
+    [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
+    [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
+    // The recovery store's operations; a refusal of the disk is logged as an error, never thrown.
+    void saveManifest(const RecordingManifest& manifest);
+    void clearManifest();
+    void sendDiagnostics(const std::string& recordingId, const std::string& userId,
+                         const DiagnosticsCollector::PayloadInput& input);
+    static bool sleepAndContinue(Clock& clock, double seconds);
+    static double millisecondsBetween(TimePoint from, TimePoint to);
+    static std::vector<int> sequencesOf(const std::vector<FailedChunk>& failed);
+    // Runs body on a task that holds the coordinator weakly and stores it in slot, cancelling the task
+    // that stood there; slot is one of the fields guarded by mutex_.
+    void startTask(Task& slot, std::function<void(std::weak_ptr<RecordingCoordinator>)> body);
+    void cancelTask(Task& slot);
+    void cancelAllTasks();
+
+    // Start (RecordingCoordinatorStart.cpp).
+    void setBlocker(StartBlocker blocker);
+
+    // Live session and stop (RecordingCoordinatorLiveSession.cpp).
+    void handleChunk(const AudioChunkEvent& event);
+    void handleRecorderStateChange(const RecorderStateChange& change);
+    void handleAudioError(const AudioErrorEvent& event);
+    void handleUploadEvent(const NativeUploadEvent& event);
+    void stopAtChunkLimit(int sequence);
+    void startNoChunkWatchdog();
+    void sendPauseHeartbeat();
+    void startHeartbeatLoop();
+    void startMaxPauseTimer();
+    void saveManifestPauseState(bool isPaused, std::optional<TimePoint> pausedAt, double totalPausedMs);
+    void performStop();
+
+    // Processing and review (RecordingCoordinatorReview.cpp).
+    void startBackgroundReconciliation();
+    void runProcessingSequence();
+    void openSpeakerReview();
+    void startMappingTask(std::function<SpeakerMappingService::Outcome()> operation);
+    std::function<SpeakerMappingService::Outcome()> longMappingPoll();
+    std::function<SpeakerMappingService::Outcome()> onDemandMapping();
+    void setProcessingLine(ProcessingLine line);
+
+    // Finalize (RecordingCoordinatorFinalize.cpp).
+    void runFinalizePipeline();
+    void finalizeVerifiedRecording(const std::string& recordingId, int last, const PreflightContext& context);
+    // Writes the report request's state into the stored manifest of recordingId, if it is still there.
+    void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
+
+    // Recovery (RecordingCoordinatorRecovery.cpp).
+    PreflightContext recoveredContext(const AuthUser& user, const std::string& userName,
+                                      const RecordingManifest& manifest) const;
     // For an active manifest whose capture died with the earlier process: the highest chunk on this disk
     // or on the server; absent when the server could not be asked.
     std::optional<int> lastChunkOfInterruptedCapture(const RecordingManifest& manifest);
@@ -218,52 +269,8 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     // For a manifest that holds a report request: sends it again unless it was accepted, then removes the
     // recording here. Absent when the server refused it and the review must run again.
     std::optional<RecoveryDecision> finishInterruptedFinalize(const RecordingManifest& manifest);
-    // Writes the report request's state into the stored manifest of recordingId, if it is still there.
-    void saveFinalizeState(const std::string& recordingId, const FinalizePayload& request, bool accepted);
-    void sealJournalOfInterruptedCapture(const std::string& recordingId, const std::vector<int>& onServer);
-    [[nodiscard]] int elapsedActiveSecondsLocked(TimePoint now) const; // with mutex_ held
-    [[nodiscard]] double pausedMsLocked(TimePoint now) const;          // with mutex_ held
-    void setBlocker(StartBlocker blocker);
-    // The recovery store's operations; a refusal of the disk is logged as an error, never thrown.
-    void saveManifest(const RecordingManifest& manifest);
-    void clearManifest();
-    static bool sleepAndContinue(Clock& clock, double seconds);
-    static double millisecondsBetween(TimePoint from, TimePoint to);
-    static std::vector<int> sequencesOf(const std::vector<FailedChunk>& failed);
-
-    // Runs body on a task that holds the coordinator weakly and stores it in the given field, cancelling
-    // the task that stood there.
-    void startTask(Task RecordingCoordinator::*field,
-                   std::function<void(std::weak_ptr<RecordingCoordinator>)> body);
-    void cancelTask(Task RecordingCoordinator::*field);
-    void cancelAllTasks();
-
-    void handleChunk(const AudioChunkEvent& event);
-    void handleRecorderStateChange(const RecorderStateChange& change);
-    void handleAudioError(const AudioErrorEvent& event);
-    void handleUploadEvent(const NativeUploadEvent& event);
-
-    void startNoChunkWatchdog();
-    void sendPauseHeartbeat();
-    void startHeartbeatLoop();
-    void startMaxPauseTimer();
-    void saveManifestPauseState(bool isPaused, std::optional<TimePoint> pausedAt, double totalPausedMs);
-
-    void performStop();
-    void startBackgroundReconciliation();
-    void runProcessingSequence();
-    void openSpeakerReview();
-    void startMappingTask(std::function<SpeakerMappingService::Outcome()> operation);
-    std::function<SpeakerMappingService::Outcome()> longMappingPoll();
-    std::function<SpeakerMappingService::Outcome()> onDemandMapping();
-    void setProcessingLine(ProcessingLine line);
-    void runFinalizePipeline();
-    void finalizeVerifiedRecording(const std::string& recordingId, int last, const PreflightContext& context);
-
-    PreflightContext recoveredContext(const AuthUser& user, const std::string& userName,
-                                      const RecordingManifest& manifest) const;
-    void sendDiagnostics(const std::string& recordingId, const std::string& userId,
-                         const DiagnosticsCollector::PayloadInput& input);
+    // Turns the journals an ended process left into chunks; onServer are the chunks known to be there.
+    void sealJournalsOfInterruptedRecording(const std::string& recordingId, const std::vector<int>& onServer);
 
     const AppConfig config_;
     const std::shared_ptr<RecordingAPI> api_;
@@ -279,40 +286,58 @@ class RecordingCoordinator : public std::enable_shared_from_this<RecordingCoordi
     const RecordingCoordinatorHooks hooks_;
     const Timings timings_;
 
+    // The live session's books: its running clock, the chunks the recorder and the uploads reported, the
+    // warnings shown while recording and the tasks that supervise the capture and the pause.
+    struct LiveSession {
+        std::optional<TimePoint> startedAt;
+        double totalPausedMs = 0;
+        std::optional<TimePoint> pauseStartedAt;
+        std::optional<int> lastSequence;
+        std::set<int> receivedSequences;
+        std::set<int> localUploaded;
+        RecordingWarnings warnings;
+        Task noChunkWatchdogTask;
+        Task heartbeatTask;
+        Task maxPauseTask;
+        Task autoStopTask; // the stop that the maximum pause starts
+    };
+
+    // After the stop: the processing line, the names the backend maps to the speakers, and what the user
+    // edits in the speaker and share reviews. A version counts every stored edit of its list.
+    struct Review {
+        ProcessingLine processingLine = ProcessingLine::secured;
+        std::vector<std::string> mappingOutcomeNames;
+        bool mappingInFlight = false;
+        bool processingOpened = false;
+        SpeakerListModel speakerList;
+        std::uint64_t speakerListVersion = 0;
+        ShareComposer share{std::string()};
+        std::uint64_t shareVersion = 0;
+        std::optional<std::string> selectedTemplateId;
+        Task earlyMappingTask;
+        Task processingTask;
+        Task preverifyTask;
+    };
+
+    // The report request's outcome: the summary on success, the chunks the server lacks on failure.
+    struct Finalize {
+        std::optional<SuccessSummary> success;
+        std::vector<int> missingChunks;
+        Task hookTask; // tells the application of a finalized recording; nobody waits for it
+    };
+
     mutable std::mutex mutex_;
     // Everything below is guarded by mutex_.
     RecordingStateMachine machine_{RecordingPhase::signedOut};
+    // The current recording, from the start tap until it is dismissed.
     std::optional<PreflightContext> context_;
     std::optional<std::string> recordingId_;
     std::optional<std::string> recordingSecret_; // never logged
-    std::optional<TimePoint> startedAt_;
-    double totalPausedMs_ = 0;
-    std::optional<TimePoint> pauseStartedAt_;
-    std::optional<int> lastSequence_;
-    std::set<int> receivedSequences_;
-    std::set<int> localUploaded_;
-    RecordingWarnings warnings_;
-    ProcessingLine processingLine_ = ProcessingLine::secured;
-    std::vector<std::string> mappingOutcomeNames_;
-    bool mappingInFlight_ = false;
-    bool processingOpened_ = false;
-    Task earlyMappingTask_;
-    Task heartbeatTask_;
-    Task maxPauseTask_;
-    Task noChunkWatchdogTask_;
-    Task processingTask_;
-    Task preverifyTask_;
-    Task autoStopTask_;              // the stop that the maximum pause starts
-    Task finalizeHookTask_;          // tells the application of a finalized recording; nobody waits for it
+    std::optional<StartBlocker> blocker_;        // why the last start did not begin
+    LiveSession live_;
+    Review review_;
+    Finalize finalize_;
     std::vector<Task> startedTasks_; // every task ever started and not yet finished, joined on teardown
-    std::optional<StartBlocker> blocker_;
-    std::optional<SuccessSummary> success_;
-    std::vector<int> missingChunks_;
-    SpeakerListModel speakerList_;
-    std::uint64_t speakerListVersion_ = 0;
-    ShareComposer share_;
-    std::uint64_t shareVersion_ = 0;
-    std::optional<std::string> selectedTemplateId_;
     std::vector<PhaseObserver> phaseObservers_;
     std::vector<TickObserver> tickObservers_;
 };

@@ -10,8 +10,8 @@ RecordingCoordinator::SubmitOutcome RecordingCoordinator::submitShare(bool isOnl
     ShareComposer::PendingInputResult result;
     {
         std::lock_guard lock(mutex_);
-        result = share_.commitPendingInputForSend();
-        ++shareVersion_;
+        result = review_.share.commitPendingInputForSend();
+        ++review_.shareVersion;
     }
     switch (result.kind) {
     case ShareComposer::PendingInputResult::Kind::committed:
@@ -35,7 +35,8 @@ RecordingCoordinator::SubmitOutcome RecordingCoordinator::submitShare(bool isOnl
 
 bool RecordingCoordinator::canRetryFinalize() const {
     std::lock_guard lock(mutex_);
-    return machine_.phase() == RecordingPhase::errorRecoverable && recordingId_ && lastSequence_ && context_;
+    return machine_.phase() == RecordingPhase::errorRecoverable && recordingId_ && live_.lastSequence &&
+           context_;
 }
 
 void RecordingCoordinator::retryFinalize() {
@@ -62,11 +63,14 @@ void RecordingCoordinator::runFinalizePipeline() {
     {
         std::lock_guard lock(mutex_);
         recordingId = recordingId_;
-        last = lastSequence_;
+        last = live_.lastSequence;
         context = context_;
     }
     if (!recordingId || !last || !context) {
-        fire(RecordingEvent::finalizeFailed(false));
+        // The pipeline runs in the wait for the uploads, which a finalize failure does not leave: without
+        // a last chunk the wait cannot end, so it ends here as incomplete and the retry stays refused.
+        log(LogLevel::error, "finalize impossible: no stopped recording to send");
+        fire(RecordingEvent::uploadsIncomplete());
         return;
     }
     const std::string id = *recordingId;
@@ -80,7 +84,7 @@ void RecordingCoordinator::runFinalizePipeline() {
     auto uploadedByRecorder = recorder_->uploadedSequences();
     {
         std::lock_guard lock(mutex_);
-        localUploaded_.insert(uploadedByRecorder.begin(), uploadedByRecorder.end());
+        live_.localUploaded.insert(uploadedByRecorder.begin(), uploadedByRecorder.end());
     }
 
     std::weak_ptr<RecordingCoordinator> weak = weak_from_this();
@@ -89,7 +93,7 @@ void RecordingCoordinator::runFinalizePipeline() {
         std::set<int> known;
         if (auto self = weak.lock()) {
             std::lock_guard lock(self->mutex_);
-            known = self->localUploaded_;
+            known = self->live_.localUploaded;
         }
         for (int s : uploader->uploadedSequences()) {
             known.insert(s);
@@ -109,7 +113,7 @@ void RecordingCoordinator::runFinalizePipeline() {
         uploader->acceptServerAcks(sequences);
         if (auto self = weak.lock()) {
             std::lock_guard lock(self->mutex_);
-            self->localUploaded_.insert(sequences.begin(), sequences.end());
+            self->live_.localUploaded.insert(sequences.begin(), sequences.end());
         }
     };
     // A chunk that the server lost counts as missing again.
@@ -117,7 +121,7 @@ void RecordingCoordinator::runFinalizePipeline() {
         if (auto self = weak.lock()) {
             std::lock_guard lock(self->mutex_);
             for (int s : sequences) {
-                self->localUploaded_.erase(s);
+                self->live_.localUploaded.erase(s);
             }
         }
         uploader->requeue(sequences);
@@ -133,7 +137,7 @@ void RecordingCoordinator::runFinalizePipeline() {
     case FinalizeService::WaitResult::Kind::missing: {
         {
             std::lock_guard lock(mutex_);
-            missingChunks_ = result.missing;
+            finalize_.missingChunks = result.missing;
         }
         std::string shown = "[";
         for (std::size_t i = 0; i < result.missing.size() && i < 5; ++i) {
@@ -165,9 +169,9 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
     FinalizeService::FinalizeInput input;
     {
         std::lock_guard lock(mutex_);
-        input.share = share_;
-        input.speakers = speakerList_;
-        input.selectedTemplateId = selectedTemplateId_;
+        input.share = review_.share;
+        input.speakers = review_.speakerList;
+        input.selectedTemplateId = review_.selectedTemplateId;
     }
     input.recordingId = recordingId;
     input.user = context.user;
@@ -199,8 +203,8 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
         // The clock runs on through the review screens: the duration is the session's, not the audio's.
         auto now = clock_->now();
         std::lock_guard lock(mutex_);
-        success_ = SuccessSummary{payload.meetingName.value_or(""), elapsedActiveSecondsLocked(now),
-                                  static_cast<int>(payload.recipients.size())};
+        finalize_.success = SuccessSummary{payload.meetingName.value_or(""), elapsedActiveSecondsLocked(now),
+                                           static_cast<int>(payload.recipients.size())};
     }
     // Audio first, then the manifest: a crash in between leaves an accepted manifest, whose relaunch only
     // finishes this clean-up.
@@ -209,7 +213,7 @@ void RecordingCoordinator::finalizeVerifiedRecording(const std::string& recordin
     fire(RecordingEvent::finalizeSucceeded());
     notifyTick();
     if (hooks_.onFinalizeSuccess) {
-        startTask(&RecordingCoordinator::finalizeHookTask_,
+        startTask(finalize_.hookTask,
                   [hook = hooks_.onFinalizeSuccess, meetingName = payload.meetingName,
                    participants = payload.participants.value_or(std::vector<std::string>{}),
                    recipients = payload.recipients](std::weak_ptr<RecordingCoordinator>) {

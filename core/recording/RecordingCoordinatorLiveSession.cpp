@@ -2,6 +2,8 @@
 // watchdog, the user's pause with its heartbeat and upper limit, and device switches.
 #include "core/recording/RecordingCoordinator.h"
 
+#include "core/support/RecordingLimits.h"
+
 namespace kavelo {
 
 // The live session
@@ -30,10 +32,10 @@ void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
     bool becameLow = false;
     {
         std::lock_guard lock(mutex_);
-        receivedSequences_.insert(event.sequence);
-        wasSilent = std::exchange(warnings_.noAudio, false);
-        becameLow = low && !std::exchange(warnings_.diskSpaceLow, low);
-        warnings_.diskSpaceLow = low;
+        live_.receivedSequences.insert(event.sequence);
+        wasSilent = std::exchange(live_.warnings.noAudio, false);
+        becameLow = low && !std::exchange(live_.warnings.diskSpaceLow, low);
+        live_.warnings.diskSpaceLow = low;
     }
     if (becameLow) {
         log(LogLevel::warn,
@@ -43,8 +45,34 @@ void RecordingCoordinator::handleChunk(const AudioChunkEvent& event) {
     if (wasSilent) {
         fire(RecordingEvent::audioReturned());
     }
-    cancelTask(&RecordingCoordinator::noChunkWatchdogTask_);
+    cancelTask(live_.noChunkWatchdogTask);
     notifyTick();
+    if (!event.isFinal && event.sequence == RecordingLimits::maxChunks) {
+        stopAtChunkLimit(event.sequence);
+    }
+}
+
+void RecordingCoordinator::stopAtChunkLimit(int sequence) {
+    // Past the limit every number would be refused by the store, the server and recovery alike, so the
+    // audio after it would be lost; the recording ends here as if the user had stopped it.
+    log(LogLevel::warn, "chunk limit reached at chunk " + std::to_string(sequence) + " — recording stopped");
+    // The chunk came on the recorder's own thread, which the recorder's stop waits for.
+    startTask(live_.autoStopTask, [](std::weak_ptr<RecordingCoordinator> weak) {
+        auto self = weak.lock();
+        if (!self) {
+            return;
+        }
+        const auto phase = self->phase();
+        if (phase == RecordingPhase::pausedUser || phase == RecordingPhase::interruptedSystem ||
+            phase == RecordingPhase::resumeFailed) {
+            self->stopFromPause();
+            return;
+        }
+        if (phase != RecordingPhase::stopConfirm) {
+            self->stopTapped();
+        }
+        self->stopConfirmed();
+    });
 }
 
 void RecordingCoordinator::handleRecorderStateChange(const RecorderStateChange& change) {
@@ -62,27 +90,27 @@ void RecordingCoordinator::handleRecorderStateChange(const RecorderStateChange& 
         break;
     case RecorderState::routeChanged: {
         std::lock_guard lock(mutex_);
-        warnings_.routeChange = change.friendlyName.value_or(change.inputName.value_or(""));
+        live_.warnings.routeChange = change.friendlyName.value_or(change.inputName.value_or(""));
     }
         fire(RecordingEvent::routeChanged());
         fire(RecordingEvent::routeSettled());
         break;
     case RecorderState::networkOnline: {
         std::lock_guard lock(mutex_);
-        warnings_.offlineBuffering = false;
+        live_.warnings.offlineBuffering = false;
     }
         fire(RecordingEvent::backOnline());
         uploader_->scheduleDrain();
         break;
     case RecorderState::networkOffline: {
         std::lock_guard lock(mutex_);
-        warnings_.offlineBuffering = true;
+        live_.warnings.offlineBuffering = true;
     }
         fire(RecordingEvent::wentOffline());
         break;
     case RecorderState::error: {
         std::lock_guard lock(mutex_);
-        warnings_.deviceWarning = change.errorCode.value_or(change.reason.value_or("Audiofout"));
+        live_.warnings.deviceWarning = change.errorCode.value_or(change.reason.value_or("Audiofout"));
     }
         fire(RecordingEvent::deviceWarning());
         break;
@@ -105,7 +133,7 @@ void RecordingCoordinator::handleAudioError(const AudioErrorEvent& event) {
     if (event.code == "SILENT_AUDIO_DETECTED") {
         {
             std::lock_guard lock(mutex_);
-            warnings_.noAudio = true;
+            live_.warnings.noAudio = true;
         }
         fire(RecordingEvent::noAudioWarning());
     } else if (event.code == "ENGINE_STALLED_PERMANENT") {
@@ -113,17 +141,17 @@ void RecordingCoordinator::handleAudioError(const AudioErrorEvent& event) {
     } else if (event.code == "NO_MICROPHONE_INPUT") {
         {
             std::lock_guard lock(mutex_);
-            warnings_.deviceWarning = "Geen microfooninvoer — kies een andere microfoon.";
+            live_.warnings.deviceWarning = "Geen microfooninvoer — kies een andere microfoon.";
         }
         fire(RecordingEvent::deviceWarning());
     } else if (event.code == "SYSTEM_AUDIO_TAP_UNAVAILABLE") {
         // The recording goes on with the microphone alone.
         std::lock_guard lock(mutex_);
-        warnings_.systemAudioFallback = true;
+        live_.warnings.systemAudioFallback = true;
     } else {
         {
             std::lock_guard lock(mutex_);
-            warnings_.deviceWarning = event.message;
+            live_.warnings.deviceWarning = event.message;
         }
         fire(RecordingEvent::deviceWarning());
     }
@@ -137,7 +165,7 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
         if (event.sequence) {
             {
                 std::lock_guard lock(mutex_);
-                localUploaded_.insert(*event.sequence);
+                live_.localUploaded.insert(*event.sequence);
             }
             diagnostics_->chunkUploaded();
         }
@@ -150,11 +178,11 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
         break;
     case NativeUploadEventKind::storeHeld: {
         std::lock_guard lock(mutex_);
-        warnings_.diskFull = true;
+        live_.warnings.diskFull = true;
     } break;
     case NativeUploadEventKind::storeResumed: {
         std::lock_guard lock(mutex_);
-        warnings_.diskFull = false;
+        live_.warnings.diskFull = false;
     } break;
     case NativeUploadEventKind::urlFetchFailed:
         log(LogLevel::warn, "signed url fetch failed status=" +
@@ -167,35 +195,34 @@ void RecordingCoordinator::handleUploadEvent(const NativeUploadEvent& event) {
 }
 
 void RecordingCoordinator::startNoChunkWatchdog() {
-    startTask(
-        &RecordingCoordinator::noChunkWatchdogTask_,
-        [clock = clock_, seconds = timings_.noFirstChunkWarning](std::weak_ptr<RecordingCoordinator> weak) {
-            if (!sleepAndContinue(*clock, seconds)) {
-                return;
-            }
-            auto self = weak.lock();
-            if (!self) {
-                return;
-            }
-            // Audio encoded without a chunk yet is a quiet meeting, not a dead pipeline: silence fills a
-            // chunk only every few minutes.
-            const bool audioArrived = self->recorder_->runtimeState().totalBytesEncoded > 0;
-            bool silent = false;
-            {
-                std::lock_guard lock(self->mutex_);
-                silent =
-                    isCapturing(self->machine_.phase()) && self->receivedSequences_.empty() && !audioArrived;
-                if (silent) {
-                    self->warnings_.noAudio = true;
-                }
-            }
+    startTask(live_.noChunkWatchdogTask, [clock = clock_, seconds = timings_.noFirstChunkWarning](
+                                             std::weak_ptr<RecordingCoordinator> weak) {
+        if (!sleepAndContinue(*clock, seconds)) {
+            return;
+        }
+        auto self = weak.lock();
+        if (!self) {
+            return;
+        }
+        // Audio encoded without a chunk yet is a quiet meeting, not a dead pipeline: silence fills a
+        // chunk only every few minutes.
+        const bool audioArrived = self->recorder_->runtimeState().totalBytesEncoded > 0;
+        bool silent = false;
+        {
+            std::lock_guard lock(self->mutex_);
+            silent =
+                isCapturing(self->machine_.phase()) && self->live_.receivedSequences.empty() && !audioArrived;
             if (silent) {
-                self->fire(RecordingEvent::noAudioWarning());
-                self->log(LogLevel::warn,
-                          "no first chunk after " + std::to_string(static_cast<long long>(seconds)) + "s");
-                self->notifyTick();
+                self->live_.warnings.noAudio = true;
             }
-        });
+        }
+        if (silent) {
+            self->fire(RecordingEvent::noAudioWarning());
+            self->log(LogLevel::warn,
+                      "no first chunk after " + std::to_string(static_cast<long long>(seconds)) + "s");
+            self->notifyTick();
+        }
+    });
 }
 
 void RecordingCoordinator::pauseRecording() {
@@ -208,8 +235,8 @@ void RecordingCoordinator::pauseRecording() {
         }
         manifest.recordingId = *recordingId_;
         manifest.recordingSecret = recordingSecret_;
-        manifest.startedAt = startedAt_.value_or(now);
-        manifest.totalPausedMs = totalPausedMs_;
+        manifest.startedAt = live_.startedAt.value_or(now);
+        manifest.totalPausedMs = live_.totalPausedMs;
         if (context_) {
             manifest.meetingName = context_->meetingName;
             manifest.userId = context_->user.id;
@@ -232,9 +259,9 @@ void RecordingCoordinator::pauseRecording() {
     }
     {
         std::lock_guard lock(mutex_);
-        pauseStartedAt_ = clock_->now();
+        live_.pauseStartedAt = clock_->now();
     }
-    cancelTask(&RecordingCoordinator::noChunkWatchdogTask_);
+    cancelTask(live_.noChunkWatchdogTask);
     fire(RecordingEvent::userPaused());
     log(LogLevel::info, "user paused");
     sendPauseHeartbeat();
@@ -266,8 +293,8 @@ void RecordingCoordinator::sendPauseHeartbeat() {
 }
 
 void RecordingCoordinator::startHeartbeatLoop() {
-    startTask(&RecordingCoordinator::heartbeatTask_, [clock = clock_, interval = timings_.heartbeatInterval](
-                                                         std::weak_ptr<RecordingCoordinator> weak) {
+    startTask(live_.heartbeatTask, [clock = clock_, interval = timings_.heartbeatInterval](
+                                       std::weak_ptr<RecordingCoordinator> weak) {
         for (;;) {
             if (!sleepAndContinue(*clock, interval)) {
                 return;
@@ -286,32 +313,32 @@ void RecordingCoordinator::startHeartbeatLoop() {
 }
 
 void RecordingCoordinator::startMaxPauseTimer() {
-    startTask(&RecordingCoordinator::maxPauseTask_, [clock = clock_, maxPause = timings_.maxPause](
-                                                        std::weak_ptr<RecordingCoordinator> weak) {
-        if (!sleepAndContinue(*clock, maxPause)) {
-            return;
-        }
-        auto self = weak.lock();
-        if (!self || self->phase() != RecordingPhase::pausedUser) {
-            return;
-        }
-        self->log(LogLevel::warn, "max pause exceeded — auto safe stop");
-        // The stop cancels this timer's own task; it runs on a task of its own so that the
-        // recorder's stop is not made to wake up cancelled.
-        self->startTask(&RecordingCoordinator::autoStopTask_, [](std::weak_ptr<RecordingCoordinator> w) {
-            if (auto coordinator = w.lock()) {
-                coordinator->stopFromPause();
-            }
-        });
-    });
+    startTask(live_.maxPauseTask,
+              [clock = clock_, maxPause = timings_.maxPause](std::weak_ptr<RecordingCoordinator> weak) {
+                  if (!sleepAndContinue(*clock, maxPause)) {
+                      return;
+                  }
+                  auto self = weak.lock();
+                  if (!self || self->phase() != RecordingPhase::pausedUser) {
+                      return;
+                  }
+                  self->log(LogLevel::warn, "max pause exceeded — auto safe stop");
+                  // The stop cancels this timer's own task; it runs on a task of its own so that the
+                  // recorder's stop is not made to wake up cancelled.
+                  self->startTask(self->live_.autoStopTask, [](std::weak_ptr<RecordingCoordinator> w) {
+                      if (auto coordinator = w.lock()) {
+                          coordinator->stopFromPause();
+                      }
+                  });
+              });
 }
 
 void RecordingCoordinator::resumeRecording() {
     if (!fire(RecordingEvent::userResumedRequested())) {
         return;
     }
-    cancelTask(&RecordingCoordinator::heartbeatTask_);
-    cancelTask(&RecordingCoordinator::maxPauseTask_);
+    cancelTask(live_.heartbeatTask);
+    cancelTask(live_.maxPauseTask);
     try {
         recorder_->resume();
     } catch (const std::exception& e) {
@@ -330,11 +357,11 @@ void RecordingCoordinator::resumeRecording() {
     {
         auto now = clock_->now();
         std::lock_guard lock(mutex_);
-        if (pauseStartedAt_) {
-            totalPausedMs_ += millisecondsBetween(*pauseStartedAt_, now);
-            pauseStartedAt_.reset();
+        if (live_.pauseStartedAt) {
+            live_.totalPausedMs += millisecondsBetween(*live_.pauseStartedAt, now);
+            live_.pauseStartedAt.reset();
         }
-        total = totalPausedMs_;
+        total = live_.totalPausedMs;
     }
     if (auto manifest = recoveryStore_->load()) {
         manifest->isPaused = false;
@@ -349,14 +376,14 @@ void RecordingCoordinator::resumeRecording() {
 }
 
 void RecordingCoordinator::stopFromPause() {
-    cancelTask(&RecordingCoordinator::heartbeatTask_);
-    cancelTask(&RecordingCoordinator::maxPauseTask_);
+    cancelTask(live_.heartbeatTask);
+    cancelTask(live_.maxPauseTask);
     {
         auto now = clock_->now();
         std::lock_guard lock(mutex_);
-        if (pauseStartedAt_) {
-            totalPausedMs_ += millisecondsBetween(*pauseStartedAt_, now);
-            pauseStartedAt_.reset();
+        if (live_.pauseStartedAt) {
+            live_.totalPausedMs += millisecondsBetween(*live_.pauseStartedAt, now);
+            live_.pauseStartedAt.reset();
         }
     }
     if (fire(RecordingEvent::stopWhilePaused())) {
@@ -391,6 +418,75 @@ void RecordingCoordinator::switchSystemAudio(SystemAudioMode mode,
     }
     log(LogLevel::info, "switched system audio to " + std::string(toRaw(mode)));
     notifyTick();
+}
+
+// Stop request
+
+void RecordingCoordinator::stopTapped() {
+    if (!fire(RecordingEvent::stopTapped())) {
+        return;
+    }
+    // For a long recording the backend needs time for the names; give it the time the dialog is open.
+    if (elapsedActiveSeconds() >= timings_.longRecordingThreshold) {
+        startMappingTask(longMappingPoll());
+    }
+}
+
+void RecordingCoordinator::stopCancelled() {
+    mapping_->abort();
+    fire(RecordingEvent::stopCancelled());
+}
+
+void RecordingCoordinator::stopConfirmed() {
+    if (fire(RecordingEvent::stopConfirmed())) {
+        performStop();
+    }
+}
+
+void RecordingCoordinator::performStop() {
+    mapping_->resetForNewStopFlow();
+    cancelTask(live_.noChunkWatchdogTask);
+
+    int last = 0;
+    try {
+        last = recorder_->stop();
+    } catch (const std::exception& e) {
+        log(LogLevel::error, std::string("native stop failed: ") + e.what());
+        fire(RecordingEvent::fatalError());
+        return;
+    }
+
+    auto now = clock_->now();
+    std::optional<std::string> recordingId;
+    RecordingManifest manifest;
+    {
+        std::lock_guard lock(mutex_);
+        live_.lastSequence = last;
+        recordingId = recordingId_;
+        manifest.recordingSecret = recordingSecret_;
+        manifest.startedAt = live_.startedAt.value_or(now);
+        manifest.totalPausedMs = live_.totalPausedMs;
+        manifest.elapsedSeconds = elapsedActiveSecondsLocked(now);
+        if (context_) {
+            manifest.meetingName = context_->meetingName;
+            manifest.userId = context_->user.id;
+        }
+    }
+    log(LogLevel::info, "stopped lastSequence=" + std::to_string(last));
+    // Audio the capture could not hand over in time is a gap in the recording: the diagnostics say so.
+    if (const auto dropped = recorder_->runtimeState().droppedCycles; dropped > 0) {
+        log(LogLevel::warn, "capture lost " + std::to_string(dropped) + " audio cycles");
+    }
+    if (recordingId) {
+        // From here a crash leads to the review, not back to the capture.
+        manifest.recordingId = *recordingId;
+        manifest.stage = RecordingManifest::Stage::stopped;
+        manifest.lastSequence = last;
+        saveManifest(manifest);
+    }
+    fire(RecordingEvent::nativeStopped(last));
+    startBackgroundReconciliation();
+    runProcessingSequence();
 }
 
 } // namespace kavelo

@@ -29,7 +29,7 @@ std::optional<int> RecordingCoordinator::lastChunkOfInterruptedCapture(const Rec
     if (!server.checked) {
         return std::nullopt;
     }
-    sealJournalOfInterruptedCapture(manifest.recordingId, server.uploadedSequences);
+    sealJournalsOfInterruptedRecording(manifest.recordingId, server.uploadedSequences);
     int last = 0;
     for (const int sequence : storedChunks(manifest.recordingId)) {
         last = std::max(last, sequence);
@@ -85,18 +85,18 @@ RecordingCoordinator::finishInterruptedFinalize(const RecordingManifest& manifes
     return RecoveryDecision::finishedFinalize();
 }
 
-void RecordingCoordinator::sealJournalOfInterruptedCapture(const std::string& recordingId,
-                                                           const std::vector<int>& onServer) {
+void RecordingCoordinator::sealJournalsOfInterruptedRecording(const std::string& recordingId,
+                                                              const std::vector<int>& onServer) {
     // The chunk being filled when the process died lives on in its journal, synced about a second before
     // the end; sealed, it becomes the recording's last chunk and counts like any other.
     try {
         const auto sealed =
             chunkStore_->sealJournals(recordingId, std::set<int>(onServer.begin(), onServer.end()));
         for (const int sequence : sealed) {
-            log(LogLevel::info, "recovered capture: journal sealed as chunk " + std::to_string(sequence));
+            log(LogLevel::info, "recovered recording: journal sealed as chunk " + std::to_string(sequence));
         }
     } catch (const std::exception& e) {
-        log(LogLevel::error, std::string("journal of the interrupted capture not sealed: ") + e.what() +
+        log(LogLevel::error, std::string("journal of the interrupted recording not sealed: ") + e.what() +
                                  " — it stays on disk for the next recovery");
     }
 }
@@ -170,9 +170,10 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
             std::lock_guard lock(mutex_);
             recordingId_ = m.recordingId;
             recordingSecret_ = m.recordingSecret;
-            startedAt_ = m.startedAt;
-            totalPausedMs_ = m.totalPausedMs;
-            pauseStartedAt_ = m.isPaused ? std::optional<TimePoint>(m.pausedAt.value_or(now)) : std::nullopt;
+            live_.startedAt = m.startedAt;
+            live_.totalPausedMs = m.totalPausedMs;
+            live_.pauseStartedAt =
+                m.isPaused ? std::optional<TimePoint>(m.pausedAt.value_or(now)) : std::nullopt;
             context_ = recoveredContext(user, userName, m);
         }
         configureUploader();
@@ -194,16 +195,21 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
         std::lock_guard lock(mutex_);
         recordingId_ = m.recordingId;
         recordingSecret_ = m.recordingSecret;
-        startedAt_ = m.startedAt;
-        totalPausedMs_ = m.totalPausedMs;
-        lastSequence_ = m.lastSequence;
+        live_.startedAt = m.startedAt;
+        live_.totalPausedMs = m.totalPausedMs;
+        live_.lastSequence = m.lastSequence;
         context_ = recoveredContext(user, userName, m);
-        share_ = ShareComposer(user.email);
-        ++shareVersion_;
-        speakerList_ = {};
-        ++speakerListVersion_;
+        review_.share = ShareComposer(user.email);
+        ++review_.shareVersion;
+        review_.speakerList = {};
+        ++review_.speakerListVersion;
     }
     configureUploader();
+    // A process that died in the stop may have saved the last chunk's number before that chunk reached
+    // the disk; its journal still holds it. A journal beside no chunk file was never uploaded (only a
+    // stored chunk is sent), so nothing on the server is taken for granted here; the sealing has to come
+    // before the count below, which takes a number without a file for one the server holds.
+    sealJournalsOfInterruptedRecording(m.recordingId, {});
     auto stored = storedChunks(m.recordingId);
     uploader_->requeue(stored);
     if (m.lastSequence && *m.lastSequence >= 1) {
@@ -219,7 +225,7 @@ RecordingCoordinator::RecoveryDecision RecordingCoordinator::recoverIfNeeded(con
         if (!acknowledged.empty()) {
             uploader_->acceptServerAcks(acknowledged);
             std::lock_guard lock(mutex_);
-            localUploaded_.insert(acknowledged.begin(), acknowledged.end());
+            live_.localUploaded.insert(acknowledged.begin(), acknowledged.end());
         }
     }
     mapping_->resetForNewRecording();

@@ -7,20 +7,19 @@
 namespace kavelo {
 
 void RecordingCoordinator::startBackgroundReconciliation() {
-    cancelTask(&RecordingCoordinator::preverifyTask_);
+    cancelTask(review_.preverifyTask);
     std::optional<std::string> recordingId;
     std::optional<int> last;
     {
         std::lock_guard lock(mutex_);
         recordingId = recordingId_;
-        last = lastSequence_;
+        last = live_.lastSequence;
     }
     if (!recordingId || !last || *last < 1) {
         return;
     }
-    startTask(&RecordingCoordinator::preverifyTask_, [id = *recordingId, last = *last, api = api_,
-                                                      uploader = uploader_, clock = clock_](
-                                                         std::weak_ptr<RecordingCoordinator> weak) {
+    startTask(review_.preverifyTask, [id = *recordingId, last = *last, api = api_, uploader = uploader_,
+                                      clock = clock_](std::weak_ptr<RecordingCoordinator> weak) {
         auto inRange = [last](const std::vector<int>& list) {
             std::vector<int> kept;
             std::copy_if(list.begin(), list.end(), std::back_inserter(kept),
@@ -62,8 +61,8 @@ void RecordingCoordinator::startBackgroundReconciliation() {
                         return;
                     }
                     std::lock_guard lock(self->mutex_);
-                    self->localUploaded_.insert(onServer.begin(), onServer.end());
-                    known = self->localUploaded_;
+                    self->live_.localUploaded.insert(onServer.begin(), onServer.end());
+                    known = self->live_.localUploaded;
                 }
                 for (int s : uploader->uploadedSequences()) {
                     known.insert(s);
@@ -93,7 +92,7 @@ void RecordingCoordinator::startBackgroundReconciliation() {
 void RecordingCoordinator::setProcessingLine(ProcessingLine line) {
     {
         std::lock_guard lock(mutex_);
-        processingLine_ = line;
+        review_.processingLine = line;
     }
     notifyTick();
 }
@@ -104,15 +103,15 @@ void RecordingCoordinator::runProcessingSequence() {
     {
         auto now = clock_->now();
         std::lock_guard lock(mutex_);
-        processingLine_ = ProcessingLine::secured;
-        processingOpened_ = false;
+        review_.processingLine = ProcessingLine::secured;
+        review_.processingOpened = false;
         isLong = timings_.longRecordingThreshold <= elapsedActiveSecondsLocked(now);
-        silent = warnings_.noAudio;
+        silent = live_.warnings.noAudio;
     }
-    cancelTask(&RecordingCoordinator::processingTask_);
+    cancelTask(review_.processingTask);
     notifyTick();
-    startTask(&RecordingCoordinator::processingTask_, [isLong, silent, clock = clock_, t = timings_](
-                                                          std::weak_ptr<RecordingCoordinator> weak) {
+    startTask(review_.processingTask, [isLong, silent, clock = clock_,
+                                       t = timings_](std::weak_ptr<RecordingCoordinator> weak) {
         auto begin = clock->now();
         {
             auto self = weak.lock();
@@ -152,9 +151,9 @@ void RecordingCoordinator::runProcessingSequence() {
             bool finalChunkSeen = false;
             {
                 std::lock_guard lock(self->mutex_);
-                inFlight = self->mappingInFlight_;
-                finalChunkSeen = self->lastSequence_ && *self->lastSequence_ >= 1 &&
-                                 self->receivedSequences_.count(*self->lastSequence_) == 1;
+                inFlight = self->review_.mappingInFlight;
+                finalChunkSeen = self->live_.lastSequence && *self->live_.lastSequence >= 1 &&
+                                 self->live_.receivedSequences.count(*self->live_.lastSequence) == 1;
             }
             if (!inFlight) {
                 break;
@@ -197,10 +196,10 @@ void RecordingCoordinator::runProcessingSequence() {
 void RecordingCoordinator::openSpeakerReview() {
     {
         std::lock_guard lock(mutex_);
-        if (processingOpened_) {
+        if (review_.processingOpened) {
             return;
         }
-        processingOpened_ = true;
+        review_.processingOpened = true;
     }
     std::optional<std::string> profileName;
     if (hooks_.currentProfileName) {
@@ -208,9 +207,9 @@ void RecordingCoordinator::openSpeakerReview() {
     }
     {
         std::lock_guard lock(mutex_);
-        speakerList_.prefillHost(profileName);
-        speakerList_.mergeMappingResults(mappingOutcomeNames_);
-        ++speakerListVersion_;
+        review_.speakerList.prefillHost(profileName);
+        review_.speakerList.mergeMappingResults(review_.mappingOutcomeNames);
+        ++review_.speakerListVersion;
     }
     fire(RecordingEvent::processingFinished());
     notifyTick();
@@ -219,15 +218,15 @@ void RecordingCoordinator::openSpeakerReview() {
 void RecordingCoordinator::startMappingTask(std::function<SpeakerMappingService::Outcome()> operation) {
     {
         std::lock_guard lock(mutex_);
-        if (mappingInFlight_) {
+        if (review_.mappingInFlight) {
             // The running task goes on, and its outcome counts.
             return;
         }
-        mappingInFlight_ = true;
+        review_.mappingInFlight = true;
     }
-    cancelTask(&RecordingCoordinator::earlyMappingTask_);
+    cancelTask(review_.earlyMappingTask);
     notifyTick();
-    startTask(&RecordingCoordinator::earlyMappingTask_,
+    startTask(review_.earlyMappingTask,
               [operation = std::move(operation)](std::weak_ptr<RecordingCoordinator> weak) {
                   auto outcome = SpeakerMappingService::Outcome::aborted();
                   try {
@@ -241,13 +240,13 @@ void RecordingCoordinator::startMappingTask(std::function<SpeakerMappingService:
                   }
                   {
                       std::lock_guard lock(self->mutex_);
-                      self->mappingInFlight_ = false;
+                      self->review_.mappingInFlight = false;
                       if (outcome.kind == SpeakerMappingService::Outcome::Kind::names) {
-                          self->mappingOutcomeNames_ = outcome.names;
+                          self->review_.mappingOutcomeNames = outcome.names;
                           // Names that come during the review join the open list; later ones are only kept.
                           if (self->machine_.phase() == RecordingPhase::speakerReview) {
-                              self->speakerList_.mergeMappingResults(outcome.names);
-                              ++self->speakerListVersion_;
+                              self->review_.speakerList.mergeMappingResults(outcome.names);
+                              ++self->review_.speakerListVersion;
                           }
                       }
                   }
@@ -297,8 +296,8 @@ std::function<SpeakerMappingService::Outcome()> RecordingCoordinator::onDemandMa
                     return Outcome::none("no_recording");
                 }
                 std::lock_guard lock(self->mutex_);
-                last = self->lastSequence_;
-                known = self->localUploaded_;
+                last = self->live_.lastSequence;
+                known = self->live_.localUploaded;
             }
             if (last) {
                 if (*last <= 0) {
@@ -330,14 +329,14 @@ void RecordingCoordinator::updateSpeakers(const std::function<void(SpeakerListMo
         std::uint64_t version = 0;
         {
             std::lock_guard lock(mutex_);
-            copy = speakerList_;
-            version = speakerListVersion_;
+            copy = review_.speakerList;
+            version = review_.speakerListVersion;
         }
         mutation(copy);
         std::lock_guard lock(mutex_);
-        if (version == speakerListVersion_) {
-            speakerList_ = std::move(copy);
-            ++speakerListVersion_;
+        if (version == review_.speakerListVersion) {
+            review_.speakerList = std::move(copy);
+            ++review_.speakerListVersion;
             break;
         }
     }
@@ -360,14 +359,14 @@ void RecordingCoordinator::updateShare(const std::function<void(ShareComposer&)>
         std::uint64_t version = 0;
         {
             std::lock_guard lock(mutex_);
-            copy = share_;
-            version = shareVersion_;
+            copy = review_.share;
+            version = review_.shareVersion;
         }
         mutation(copy);
         std::lock_guard lock(mutex_);
-        if (version == shareVersion_) {
-            share_ = std::move(copy);
-            ++shareVersion_;
+        if (version == review_.shareVersion) {
+            review_.share = std::move(copy);
+            ++review_.shareVersion;
             break;
         }
     }

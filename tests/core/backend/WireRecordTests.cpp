@@ -1,7 +1,5 @@
-#include "core/backend/APIError.h"
 #include "core/backend/Backoff.h"
 #include "core/backend/FinalizePayload.h"
-#include "core/backend/InitRecordingError.h"
 #include "core/backend/InitRecordingRequest.h"
 #include "core/backend/InitRecordingResponse.h"
 #include "core/backend/RecordingAPIBodies.h"
@@ -188,24 +186,6 @@ TEST(WireRecords, ShouldPollOnDispatchOrAListedReason) {
     EXPECT_FALSE((EarlyMappingDispatch{"failed", std::nullopt}.shouldPoll()));
     EXPECT_FALSE((EarlyMappingDispatch{"failed", "no_audio"}.shouldPoll()));
     EXPECT_FALSE(EarlyMappingDispatch{}.shouldPoll());
-}
-
-TEST(BackendErrors, AccessorsAndPrintedForm) {
-    EXPECT_FALSE(APIError::timeout().httpStatus());
-    EXPECT_FALSE(APIError::timeout().errorCode());
-    auto conflict = APIError::http(409);
-    EXPECT_EQ(conflict.httpStatus(), 409);
-    EXPECT_FALSE(conflict.errorCode());
-    EXPECT_EQ(APIError::http(500, "E", "m").errorCode(), "E");
-    EXPECT_EQ(APIError::http(500, std::nullopt, "bo\"om").description(),
-              R"(http(status: 500, errorCode: nil, message: Optional("bo\"om")))");
-    EXPECT_EQ(APIError::network("Could not connect").description(), R"(network("Could not connect"))");
-    EXPECT_EQ(APIError::unauthenticated().description(), "unauthenticated");
-    EXPECT_EQ(APIError::http(500, "a"), APIError::http(500, "a"));
-    EXPECT_NE(APIError::http(500, "a"), APIError::http(500, "b"));
-    EXPECT_NE(APIError::network("x"), APIError::decoding("x"));
-    EXPECT_EQ(InitRecordingError::backend(503, "busy", std::nullopt).description(),
-              R"(backend(status: 503, errorCode: Optional("busy"), message: nil))");
 }
 
 TEST(BackendErrors, UploadBackoffDoublesUpToTenSeconds) {

@@ -1,5 +1,7 @@
 #include "CoordinatorFixture.h"
 
+#include "core/support/RecordingLimits.h"
+
 #include <limits>
 
 using namespace kavelo;
@@ -238,6 +240,29 @@ TEST_F(CoordinatorLiveSessionTest, APauseLeftAloneStopsItselfAtTheLimit) {
     auto manifest = recovery->load();
     EXPECT_EQ(manifest->stage, RecordingManifest::Stage::stopped);
     EXPECT_NEAR(manifest->totalPausedMs, 300000.0, 1.0);
+}
+
+TEST_F(CoordinatorLiveSessionTest, TheLastChunkARecordingCanHoldStopsItAsTheUserWould) {
+    startRecording();
+    deliverFirstChunk();
+    coordinator->ingest(AudioChunkEvent{RecordingLimits::maxChunks - 1, 64, false, 48000.0, 1});
+    EXPECT_EQ(coordinator->phase(), P::recording);
+    coordinator->ingest(AudioChunkEvent{RecordingLimits::maxChunks, 64, false, 48000.0, 1});
+    waitForPhase(P::processingMapping);
+    const auto heard = heardPhases();
+    EXPECT_NE(std::find(heard.begin(), heard.end(), P::stoppingNativeRecorder), heard.end());
+    EXPECT_TRUE(logged("chunk limit reached at chunk 32768 — recording stopped"));
+    EXPECT_EQ(recovery->load()->stage, RecordingManifest::Stage::stopped);
+}
+
+TEST_F(CoordinatorLiveSessionTest, TheLastChunkCutByAPauseStopsThePausedRecording) {
+    startRecording();
+    deliverFirstChunk();
+    coordinator->pauseRecording();
+    ASSERT_EQ(coordinator->phase(), P::pausedUser);
+    coordinator->ingest(AudioChunkEvent{RecordingLimits::maxChunks, 64, false, 48000.0, 1});
+    waitForPhase(P::processingMapping);
+    EXPECT_EQ(recovery->load()->stage, RecordingManifest::Stage::stopped);
 }
 
 TEST_F(CoordinatorLiveSessionTest, FailingPauseAndResumeKeepTheRightManifestAndTimers) {

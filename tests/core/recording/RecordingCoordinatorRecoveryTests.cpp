@@ -163,11 +163,26 @@ TEST_F(CoordinatorRecoveryTest, AStoppedRecordingGoesToTheReviewWithMissingFiles
     EXPECT_TRUE(logged("processing failsafe: chunk completion not done after 8s"));
 }
 
-TEST_F(CoordinatorRecoveryTest, AStoppedRecordingWithoutALastSequenceAcknowledgesNothing) {
+TEST_F(CoordinatorRecoveryTest, AStoppedRecordingWithoutALastSequenceAcknowledgesNothingAndCannotStick) {
     recovery->save(manifest(RecordingManifest::Stage::stopped));
     EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
     EXPECT_TRUE(uploader->acks().empty());
     EXPECT_EQ(coordinator->phase(), P::processingMapping);
+
+    // Without a last chunk there is nothing to wait for: the send must end in an error the user can leave,
+    // not in a wait that no event ends.
+    waitForSleepersExactly(2);
+    clock->advance(9.05);
+    waitForPhase(P::speakerReview);
+    coordinator->confirmSpeakers();
+    ASSERT_EQ(coordinator->phase(), P::shareReview);
+    EXPECT_EQ(coordinator->submitShare(true), RecordingCoordinator::SubmitOutcome::started);
+    EXPECT_EQ(coordinator->phase(), P::errorRecoverable);
+    EXPECT_FALSE(coordinator->canRetryFinalize());
+    EXPECT_TRUE(api->finalizes().empty());
+    coordinator->dismissToIdle();
+    EXPECT_EQ(coordinator->phase(), P::idle);
+    EXPECT_TRUE(recovery->load().has_value()) << "the recording stays for the next sign-in";
 }
 
 TEST_F(CoordinatorRecoveryTest, ACaptureThatDiedWithTheEarlierProcessIsSettledAtTheHighestChunkKnown) {
@@ -281,4 +296,21 @@ TEST_F(CoordinatorRecoveryTest, TheJournalOfTheChunkBeingFilledBecomesTheLastChu
     EXPECT_EQ(chunkStore->read("rec-old", 1), audio);
     EXPECT_TRUE(chunkStore->journalSequences("rec-old").empty());
     EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{1}}));
+}
+
+TEST_F(CoordinatorRecoveryTest, TheJournalOfTheFinalChunkOfAStopThatDiedBecomesThatChunk) {
+    // The stop was saved with its last chunk, but the process died before that chunk reached the disk:
+    // only its journal holds the end of the recording. Chunks 1 and 2 were uploaded and left the disk.
+    auto m = manifest(RecordingManifest::Stage::stopped);
+    m.lastSequence = 3;
+    recovery->save(m);
+    const Bytes audio = MockRecorder::chunkContent(3, 30000);
+    chunkStore->appendJournal("rec-old", 3, audio);
+
+    EXPECT_EQ(coordinator->recoverIfNeeded(user(), "Host"), Decision::openedFinalizeFlow());
+    EXPECT_EQ(chunkStore->read("rec-old", 3), audio);
+    EXPECT_TRUE(chunkStore->journalSequences("rec-old").empty());
+    EXPECT_EQ(uploader->requeues(), (std::vector<std::vector<int>>{{3}}));
+    EXPECT_EQ(uploader->acks(), (std::vector<std::vector<int>>{{1, 2}})) << "chunk 3 is not counted as sent";
+    EXPECT_TRUE(logged("recovered recording: journal sealed as chunk 3"));
 }

@@ -58,39 +58,26 @@ constexpr double kSecondsPerFrame = 1024.0 / 48000.0; // one AAC frame at the re
 enum class KillPoint { capturing, paused, processing, waiting, finalizing };
 constexpr int kKillPoints = 5;
 
+// Each kill point's name, and the phase line after which its kill is armed.
+struct KillPointInfo {
+    const char* name;
+    const char* armingPhase;
+};
+constexpr KillPointInfo kKillPointInfo[kKillPoints] = {{"capturing", "recording"},
+                                                       {"paused", "paused_user"},
+                                                       {"processing", "processing_mapping"},
+                                                       {"waiting for uploads", "waiting_for_uploads"},
+                                                       {"finalizing", "finalizing"}};
+
 const char* nameOf(KillPoint point) {
-    switch (point) {
-    case KillPoint::capturing:
-        return "capturing";
-    case KillPoint::paused:
-        return "paused";
-    case KillPoint::processing:
-        return "processing";
-    case KillPoint::waiting:
-        return "waiting for uploads";
-    case KillPoint::finalizing:
-        return "finalizing";
-    }
-    return "?";
+    return kKillPointInfo[static_cast<int>(point)].name;
 }
 
-// The phase line after which the kill is armed, and the phases the process may be in when it dies.
 std::string armingPhase(KillPoint point) {
-    switch (point) {
-    case KillPoint::capturing:
-        return "recording";
-    case KillPoint::paused:
-        return "paused_user";
-    case KillPoint::processing:
-        return "processing_mapping";
-    case KillPoint::waiting:
-        return "waiting_for_uploads";
-    case KillPoint::finalizing:
-        return "finalizing";
-    }
-    return "";
+    return kKillPointInfo[static_cast<int>(point)].armingPhase;
 }
 
+// The phases the process may be in when it dies.
 bool landedIn(KillPoint point, const std::string& phase) {
     if (point == KillPoint::capturing) {
         return phase.rfind("recording", 0) == 0; // warnings while recording are still capture
