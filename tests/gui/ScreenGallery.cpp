@@ -1,0 +1,211 @@
+// Renders every screen of the main window offscreen from the mock world, in Dutch and English, light and
+// dark, at the smallest window and a large one, and writes the PNGs to the folder given as argument. Fails
+// on any QML warning and on any visible text that is a raw text key, which is what a missing text looks
+// like on screen.
+
+#include "GalleryScenes.h"
+#include "GalleryTexts.h"
+
+#include "app/desktop/AppModel.h"
+#include "app/desktop/AppModelPreview.h"
+#include "app/desktop/CopyObject.h"
+#include "app/desktop/DesktopShell.h"
+
+#include <QDir>
+#include <QGuiApplication>
+#include <QImage>
+#include <QMutex>
+#include <QQmlApplicationEngine>
+#include <QQmlContext>
+#include <QQuickItem>
+#include <QQuickStyle>
+#include <QQuickWindow>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtQml/QQmlExtensionPlugin>
+
+#include <cstdio>
+#include <cstdlib>
+
+Q_IMPORT_QML_PLUGIN(Kavely_ScreensPlugin)
+
+namespace {
+
+// Message handlers have no context pointer: the QML warnings are collected here, for this process only.
+QMutex warningsLock;
+QStringList qmlWarnings;
+
+bool isQmlMessage(const QMessageLogContext& context, const QString& message) {
+    const QString category = QString::fromLatin1(context.category ? context.category : "");
+    const QString file = QString::fromLatin1(context.file ? context.file : "");
+    return category.startsWith(QLatin1String("qml")) || category == QLatin1String("js") ||
+           file.endsWith(QLatin1String(".qml")) || message.contains(QLatin1String(".qml:"));
+}
+
+void collectWarnings(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    std::fprintf(stderr, "%s\n", qPrintable(message));
+    if (type != QtDebugMsg && type != QtInfoMsg && isQmlMessage(context, message)) {
+        QMutexLocker lock(&warningsLock);
+        qmlWarnings.append(message);
+    }
+}
+
+// Every visible text of the window that reads as a key: "dashboard.start" instead of "Opname starten".
+QStringList rawKeysShown(QQuickItem* item) {
+    static const QRegularExpression rawKey(QStringLiteral(
+        "^(account|auth|common|dashboard|onboarding|record|settings|success|desktop)\\.[a-z0-9_.]+$"));
+    QStringList found;
+    if (!item || !item->isVisible()) {
+        return found;
+    }
+    for (const char* property : {"text", "placeholderText", "displayText", "title"}) {
+        const auto value = item->property(property);
+        if (value.typeId() == QMetaType::QString && rawKey.match(value.toString()).hasMatch()) {
+            found.append(value.toString());
+        }
+    }
+    for (auto* child : item->childItems()) {
+        found += rawKeysShown(child);
+    }
+    return found;
+}
+
+void settle() {
+    for (int i = 0; i < 5; ++i) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: kavelo_screen_gallery <output folder>\n");
+        return 2;
+    }
+    // A private home for the run: nothing of the user's own settings may colour the pictures, and the
+    // run leaves nothing behind.
+    QTemporaryDir home;
+    if (!home.isValid()) {
+        std::fprintf(stderr, "gallery: no temporary folder\n");
+        return 1;
+    }
+    for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
+        const auto path = home.filePath(QString::fromLatin1(name));
+        QDir().mkpath(path);
+        qputenv(name, path.toUtf8());
+    }
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("KAVELO_BACKEND", "mock");
+    qputenv("KAVELO_RECORDER", "mock");
+    qInstallMessageHandler(collectWarnings);
+    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    QGuiApplication application(argc, argv);
+    QQuickStyle::setStyle(QStringLiteral("Basic"));
+
+    const QDir out(QString::fromLocal8Bit(argv[1]));
+    if (!QDir().mkpath(out.path())) {
+        std::fprintf(stderr, "gallery: cannot create %s\n", argv[1]);
+        return 1;
+    }
+
+    // The texts outlive the shell: its engine re-evaluates bindings while it goes down.
+    kavelo::GalleryTexts texts;
+    if (texts.size(QStringLiteral("nl")) == 0 || texts.size(QStringLiteral("en")) == 0) {
+        std::fprintf(stderr, "gallery: the language tables are not in the program's resources\n");
+        return 1;
+    }
+    kavelo::CopyObject copy({[&texts](std::string_view key) { return texts.text(key); },
+                             [&texts] { return texts.language(); },
+                             [&texts](const std::string& code) { texts.setLanguage(code); }});
+    kavelo::AppEnvironment::Options options;
+    options.sessionStorage = kavelo::AppEnvironment::SessionStorage::memory;
+    options.logSink = [](kavelo::LogLevel, const std::string&, const std::string&) {};
+    kavelo::DesktopShell shell(kavelo::AppEnvironment::Mode::mock, std::move(options));
+
+    auto* context = shell.engine().rootContext();
+    context->setContextProperty(QStringLiteral("copy"), &copy);
+
+    kavelo::AppModelPreview::apply(shell.model(), kavelo::GalleryScenes::baseline());
+    if (!shell.load(QStringLiteral("Main.qml"))) {
+        std::fprintf(stderr, "gallery: Main.qml could not be created\n");
+        return 1;
+    }
+    auto* window = qobject_cast<QQuickWindow*>(shell.engine().rootObjects().constLast());
+    if (!window) {
+        std::fprintf(stderr, "gallery: the main window is no window\n");
+        return 1;
+    }
+    // The theme follows the settings object once it exists; before that the gallery sets the theme itself.
+    auto* theme = window->property("theme").value<QObject*>();
+    auto* prefs = context->contextProperty(QStringLiteral("settings")).value<QObject*>();
+    if (!theme && !prefs) {
+        std::fprintf(stderr, "gallery: no way to switch the theme\n");
+        return 1;
+    }
+
+    struct Size {
+        int width;
+        int height;
+        const char* name;
+    };
+    const Size sizes[] = {{720, 480, "small"}, {1440, 900, "large"}};
+    int failures = 0;
+    int written = 0;
+    for (const auto* language : {"nl", "en"}) {
+        copy.setLanguage(QString::fromLatin1(language));
+        // Setting the property again re-evaluates every text binding, as the program does on a change.
+        context->setContextProperty(QStringLiteral("copy"), &copy);
+        for (const bool dark : {false, true}) {
+            if (prefs) {
+                prefs->setProperty("theme", dark ? QStringLiteral("dark") : QStringLiteral("light"));
+            } else {
+                theme->setProperty("dark", dark);
+            }
+            for (const auto& scene : kavelo::GalleryScenes::all()) {
+                auto fields = kavelo::GalleryScenes::baseline();
+                for (auto it = scene.fields.cbegin(); it != scene.fields.cend(); ++it) {
+                    fields.insert(it.key(), it.value());
+                }
+                const auto unknown = kavelo::AppModelPreview::apply(shell.model(), fields);
+                if (!unknown.isEmpty()) {
+                    std::fprintf(stderr, "gallery: %s sets unknown fields %s\n", qPrintable(scene.name),
+                                 qPrintable(unknown.join(QLatin1Char(','))));
+                    ++failures;
+                }
+                shell.model().setRequestedSection(scene.section);
+                for (const auto& size : sizes) {
+                    window->resize(size.width, size.height);
+                    settle();
+                    const auto file = QStringLiteral("%1-%2-%3-%4.png")
+                                          .arg(scene.name, QString::fromLatin1(language),
+                                               dark ? QStringLiteral("dark") : QStringLiteral("light"),
+                                               QString::fromLatin1(size.name));
+                    const auto image = window->grabWindow();
+                    if (image.isNull() || image.width() < size.width || !image.save(out.filePath(file))) {
+                        std::fprintf(stderr, "gallery: %s could not be grabbed or written\n",
+                                     qPrintable(file));
+                        ++failures;
+                        continue;
+                    }
+                    ++written;
+                    const auto raw = rawKeysShown(window->contentItem());
+                    if (!raw.isEmpty()) {
+                        std::fprintf(stderr, "gallery: %s shows raw keys: %s\n", qPrintable(file),
+                                     qPrintable(raw.join(QStringLiteral(", "))));
+                        ++failures;
+                    }
+                }
+            }
+        }
+    }
+    {
+        QMutexLocker lock(&warningsLock);
+        for (const auto& warning : qmlWarnings) {
+            std::fprintf(stderr, "gallery: QML warning: %s\n", qPrintable(warning));
+        }
+        failures += static_cast<int>(qmlWarnings.size());
+    }
+    std::printf("gallery: %d pictures in %s, %d failures\n", written, qPrintable(out.path()), failures);
+    return failures == 0 ? 0 : 1;
+}
