@@ -24,7 +24,7 @@ Button {
         horizontalAlignment: Text.AlignHCenter
         verticalAlignment: Text.AlignVCenter
         color: !control.enabled ? Theme.textMuted
-             : control.kind === "primary" ? Theme.onAccent
+             : control.kind === "primary" ? Theme.textOnAccent
              : control.kind === "danger" ? Theme.recording
              : control.kind === "quiet" ? Theme.accent : Theme.text
     }

@@ -6,10 +6,16 @@ Switch {
     id: control
     focusPolicy: Qt.StrongFocus
     padding: 0
+    spacing: 0
+    // The switch is its track alone: the setting's name stands beside it in the row.
+    implicitWidth: indicator.implicitWidth
+    implicitHeight: indicator.implicitHeight
     Keys.onReturnPressed: toggle(), toggled()
     Keys.onEnterPressed: toggle(), toggled()
 
     indicator: Rectangle {
+        x: 0
+        y: (control.height - height) / 2
         implicitWidth: 40
         implicitHeight: 22
         radius: height / 2
@@ -23,7 +29,7 @@ Switch {
             width: 16
             height: 16
             radius: 8
-            color: control.checked ? Theme.onAccent : Theme.textMuted
+            color: control.checked ? Theme.textOnAccent : Theme.textMuted
             Behavior on x { NumberAnimation { duration: 120 } }
         }
         FocusRing { shown: control.visualFocus }

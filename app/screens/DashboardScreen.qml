@@ -377,7 +377,7 @@ Item {
                 objectName: "tipCard"
                 Layout.fillWidth: true
                 visible: app.tipsEnabled && app.tips.length > 0 && !screen.loading
-                padding: Theme.space4
+                spacing: Theme.space2
                 RowLayout {
                     width: parent.width
                     spacing: Theme.space3

@@ -7,12 +7,13 @@ ComboBox {
     property string currentId: ""
     signal chosen(string id)
 
-    implicitWidth: 260
+    implicitWidth: 280
     implicitHeight: Theme.controlHeight
     textRole: "name"
     valueRole: "id"
     font.pixelSize: Theme.fontBody
-    currentIndex: indexOfValue(currentId)
+    // Reading the count ties the choice to the list, so it is found again when the devices arrive.
+    currentIndex: count > 0 ? indexOfValue(currentId) : -1
     onActivated: chosen(currentValue)
     displayText: currentIndex >= 0 ? currentText : (count > 0 ? copy.text("settings.device_choose")
                                                               : copy.text("settings.device_none"))

@@ -34,7 +34,7 @@ ApplicationWindow {
     palette.button: Theme.surface
     palette.buttonText: Theme.text
     palette.highlight: Theme.accent
-    palette.highlightedText: Theme.onAccent
+    palette.highlightedText: Theme.textOnAccent
     palette.placeholderText: Theme.textMuted
     palette.mid: Theme.border
     palette.midlight: Theme.surfaceAlt
@@ -130,7 +130,7 @@ ApplicationWindow {
                             width: 8
                             height: 8
                             radius: 4
-                            color: Theme.onAccent
+                            color: Theme.textOnAccent
                         }
                     }
                     Text {

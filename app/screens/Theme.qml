@@ -23,7 +23,7 @@ QtObject {
     readonly property color accent: dark ? "#83c5b3" : "#2b6b5e"
     readonly property color accentHover: dark ? "#9ad3c3" : "#235a4f"
     readonly property color accentSoft: dark ? "#23352f" : "#e2efeb"
-    readonly property color onAccent: dark ? "#0f1f1b" : "#ffffff"
+    readonly property color textOnAccent: dark ? "#0f1f1b" : "#ffffff"
     readonly property color focus: dark ? "#9ad3c3" : "#2b6b5e"
 
     // States that need a colour of their own; each has a soft background to stand on.
