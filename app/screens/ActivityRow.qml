@@ -109,7 +109,10 @@ Rectangle {
                         width: 8
                         height: 8
                         radius: 4
-                        color: parent.done || parent.current ? Theme.accent : Theme.border
+                        // A step still to come is an open ring, visible on either theme.
+                        color: parent.done || parent.current ? Theme.accent : "transparent"
+                        border.width: parent.done || parent.current ? 0 : 1
+                        border.color: Theme.textMuted
                     }
                     Text {
                         Layout.fillWidth: true

@@ -329,7 +329,7 @@ Item {
             Card {
                 objectName: "welcomeCard"
                 Layout.fillWidth: true
-                visible: !screen.loading && app.dashboardActivity.length === 0 && !screen.active
+                visible: !screen.loading && !app.sessionExpired && app.dashboardActivity.length === 0 && !screen.active
                 color: Theme.accentSoft
                 border.width: 0
                 Text {

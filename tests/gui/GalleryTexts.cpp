@@ -42,13 +42,11 @@ GalleryTexts::GalleryTexts() {
 
 std::string GalleryTexts::text(std::string_view key) const {
     const auto wanted = QString::fromUtf8(key.data(), static_cast<qsizetype>(key.size()));
-    for (const auto& language : {language_, QStringLiteral("nl")}) {
-        const auto table = tables_.constFind(language);
-        if (table != tables_.cend()) {
-            const auto found = table->constFind(wanted);
-            if (found != table->cend()) {
-                return found->toStdString();
-            }
+    const auto table = tables_.constFind(language_);
+    if (table != tables_.cend()) {
+        const auto found = table->constFind(wanted);
+        if (found != table->cend()) {
+            return found->toStdString();
         }
     }
     return std::string(key);

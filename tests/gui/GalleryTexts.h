@@ -10,7 +10,8 @@ namespace kavelo {
 
 // The language tables exactly as the program ships them (the JSON resources under :/copy/), flattened to
 // "namespace.key". The gallery reads them itself so that what it checks is the texts, whatever the program
-// does around them. A missing text reads as its key, as in the program, so the raw-key check can see it.
+// does around them. A missing text reads as its key, so the raw-key check sees it; unlike the program it
+// does not fall back to Dutch, so an English text that was forgotten shows up too.
 class GalleryTexts {
   public:
     GalleryTexts();

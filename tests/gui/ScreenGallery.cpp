@@ -14,8 +14,10 @@
 #include <QDir>
 #include <QGuiApplication>
 #include <QImage>
+#include <QKeyEvent>
 #include <QMutex>
 #include <QQmlApplicationEngine>
+#include <QQmlComponent>
 #include <QQmlContext>
 #include <QQuickItem>
 #include <QQuickStyle>
@@ -26,6 +28,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 Q_IMPORT_QML_PLUGIN(Kavely_ScreensPlugin)
 
@@ -68,6 +71,88 @@ QStringList rawKeysShown(QQuickItem* item) {
         found += rawKeysShown(child);
     }
     return found;
+}
+
+// The check must be able to fail: a text that is a key, planted in a small scene, has to be found, and a
+// hidden one must not be.
+bool scannerSeesRawKeys(QQmlEngine& engine) {
+    QQmlComponent component(&engine);
+    component.setData("import QtQuick\nItem { Text { text: \"dashboard.planted_key\" }\n"
+                      "Text { visible: false; text: \"settings.hidden_key\" } }",
+                      QUrl(QStringLiteral("qrc:/gallery/Planted.qml")));
+    if (component.isError()) {
+        std::fprintf(stderr, "%s\n", qPrintable(component.errorString()));
+    }
+    std::unique_ptr<QObject> object(component.create());
+    auto* item = qobject_cast<QQuickItem*>(object.get());
+    return item && rawKeysShown(item) == QStringList{QStringLiteral("dashboard.planted_key")};
+}
+
+void settle();
+
+void press(QQuickWindow* window, int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
+    QKeyEvent down(QEvent::KeyPress, key, modifiers);
+    QKeyEvent up(QEvent::KeyRelease, key, modifiers);
+    QCoreApplication::sendEvent(window, &down);
+    QCoreApplication::sendEvent(window, &up);
+    settle();
+}
+
+// Walks the Tab chain of the visible section once round and names every control that took focus.
+QStringList tabChain(QQuickWindow* window) {
+    QStringList names;
+    for (int i = 0; i < 40; ++i) {
+        press(window, Qt::Key_Tab);
+        auto* focused = window->activeFocusItem();
+        // A control's focus often lands on an inner item: name the nearest ancestor that has a name.
+        for (QObject* object = focused; object; object = object->parent()) {
+            if (!object->objectName().isEmpty()) {
+                if (!names.isEmpty() && names.constFirst() == object->objectName()) {
+                    return names; // once round
+                }
+                if (names.isEmpty() || names.constLast() != object->objectName()) {
+                    names.append(object->objectName());
+                }
+                break;
+            }
+        }
+    }
+    return names;
+}
+
+// Every control of both sections can be reached with Tab, and Ctrl+, opens the settings.
+int checkKeyboard(QQuickWindow* window) {
+    int failures = 0;
+    const auto expectReached = [&failures](const QStringList& chain, const QStringList& wanted) {
+        std::printf("gallery: Tab goes %s\n", qPrintable(chain.join(QStringLiteral(" > "))));
+        for (const auto& name : wanted) {
+            if (!chain.contains(name)) {
+                std::fprintf(stderr, "gallery: %s cannot be reached with Tab (chain: %s)\n", qPrintable(name),
+                             qPrintable(chain.join(QLatin1Char(' '))));
+                ++failures;
+            }
+        }
+    };
+    window->requestActivate();
+    settle();
+    expectReached(tabChain(window),
+                  {QStringLiteral("sidebarHome"), QStringLiteral("sidebarSettings"),
+                   QStringLiteral("meetingNameField"), QStringLiteral("changeDevicesButton"),
+                   QStringLiteral("startButton"), QStringLiteral("dismissTipButton")});
+    press(window, Qt::Key_Comma, Qt::ControlModifier);
+    if (window->property("section").toString() != QStringLiteral("settings")) {
+        std::fprintf(stderr, "gallery: Ctrl+, does not open the settings\n");
+        ++failures;
+    }
+    expectReached(tabChain(window),
+                  {QStringLiteral("appLanguage"), QStringLiteral("outputLanguage"), QStringLiteral("theme"),
+                   QStringLiteral("microphone"), QStringLiteral("systemAudioMode"),
+                   QStringLiteral("systemSource"), QStringLiteral("liveIndicator"),
+                   QStringLiteral("defaultAttachWord"), QStringLiteral("defaultIncludeTranscription"),
+                   QStringLiteral("notifyDetected"), QStringLiteral("notifyStarted"),
+                   QStringLiteral("mutedAppField"), QStringLiteral("openAtLogin"),
+                   QStringLiteral("signOutButton")});
+    return failures;
 }
 
 void settle() {
@@ -126,6 +211,10 @@ int main(int argc, char** argv) {
     auto* context = shell.engine().rootContext();
     context->setContextProperty(QStringLiteral("copy"), &copy);
 
+    if (!scannerSeesRawKeys(shell.engine())) {
+        std::fprintf(stderr, "gallery: the raw-key check does not see a planted key\n");
+        return 1;
+    }
     kavelo::AppModelPreview::apply(shell.model(), kavelo::GalleryScenes::baseline());
     if (!shell.load(QStringLiteral("Main.qml"))) {
         std::fprintf(stderr, "gallery: Main.qml could not be created\n");
@@ -198,6 +287,18 @@ int main(int argc, char** argv) {
                 }
             }
         }
+    }
+    {
+        auto fields = kavelo::GalleryScenes::baseline();
+        for (const auto& scene : kavelo::GalleryScenes::all()) {
+            if (scene.name == QLatin1String("dashboard-activity")) {
+                fields.insert(scene.fields);
+            }
+        }
+        kavelo::AppModelPreview::apply(shell.model(), fields);
+        shell.model().setRequestedSection(QStringLiteral("home"));
+        settle();
+        failures += checkKeyboard(window);
     }
     {
         QMutexLocker lock(&warningsLock);
