@@ -31,12 +31,13 @@ Button {
 
     background: Rectangle {
         radius: Theme.radiusSmall
-        opacity: control.enabled ? 1 : 0.6
-        color: control.kind === "primary" ? (control.hovered ? Theme.accentHover : Theme.accent)
+        // A button that cannot act steps back to a plain surface, whatever its kind.
+        color: !control.enabled ? Theme.surfaceAlt
+             : control.kind === "primary" ? (control.hovered ? Theme.accentHover : Theme.accent)
              : control.kind === "quiet" ? (control.hovered ? Theme.hover : "transparent")
              : control.kind === "danger" ? (control.hovered ? Theme.recordingSoft : Theme.surface)
              : (control.hovered ? Theme.hover : Theme.surface)
-        border.width: control.kind === "primary" || control.kind === "quiet" ? 0 : 1
+        border.width: control.kind === "quiet" || (control.kind === "primary" && control.enabled) ? 0 : 1
         border.color: control.kind === "danger" ? Theme.recording : Theme.border
 
         FocusRing { shown: control.visualFocus }

@@ -105,8 +105,12 @@ QVector<GalleryScene> GalleryScenes::all() {
           {QStringLiteral("dashboardActivity"), someActivity()}}},
         {QStringLiteral("dashboard-expired"),
          home,
-         {{QStringLiteral("sessionExpired"), true}, {QStringLiteral("isSignedIn"), false}}},
-        {QStringLiteral("dashboard-loading"), home, {{QStringLiteral("isSignedIn"), false}}},
+         {{QStringLiteral("sessionExpired"), true},
+          {QStringLiteral("isSignedIn"), false},
+          {QStringLiteral("profile"), QVariantMap{}}}},
+        {QStringLiteral("dashboard-loading"),
+         home,
+         {{QStringLiteral("isSignedIn"), false}, {QStringLiteral("profile"), QVariantMap{}}}},
         {QStringLiteral("settings"), QStringLiteral("settings"), {}},
     };
 }
