@@ -65,6 +65,7 @@ Item {
 
     ScrollView {
         id: scroller
+        objectName: "dashboardScroller"
         anchors.fill: parent
         contentWidth: availableWidth
         clip: true

@@ -33,6 +33,7 @@ Item {
 
     ScrollView {
         id: scroller
+        objectName: "settingsScroller"
         anchors.fill: parent
         contentWidth: availableWidth
         clip: true

@@ -111,7 +111,12 @@ QVector<GalleryScene> GalleryScenes::all() {
         {QStringLiteral("dashboard-loading"),
          home,
          {{QStringLiteral("isSignedIn"), false}, {QStringLiteral("profile"), QVariantMap{}}}},
+        {QStringLiteral("dashboard-activity-end"),
+         home,
+         {{QStringLiteral("dashboardActivity"), someActivity()}, {QStringLiteral("tips"), someTips()}},
+         QStringLiteral("dashboardScroller")},
         {QStringLiteral("settings"), QStringLiteral("settings"), {}},
+        {QStringLiteral("settings-end"), QStringLiteral("settings"), {}, QStringLiteral("settingsScroller")},
     };
 }
 

@@ -26,6 +26,7 @@
 #include <QTemporaryDir>
 #include <QtQml/QQmlExtensionPlugin>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -89,6 +90,25 @@ bool scannerSeesRawKeys(QQmlEngine& engine) {
 }
 
 void settle();
+
+// Scrolls the named scroll view to its end, or every scroll view back to the top for an empty name.
+bool scrollTo(QQuickWindow* window, const QString& scrollerName) {
+    bool found = true;
+    for (const auto* name : {"dashboardScroller", "settingsScroller"}) {
+        auto* scroller = window->findChild<QQuickItem*>(QString::fromLatin1(name));
+        auto* flickable = scroller ? scroller->property("contentItem").value<QQuickItem*>() : nullptr;
+        if (!flickable) {
+            std::fprintf(stderr, "gallery: no scroll view named %s\n", name);
+            found = false;
+            continue;
+        }
+        const bool wanted = scrollerName == QLatin1String(name);
+        const auto end = flickable->property("contentHeight").toReal() - flickable->height();
+        flickable->setProperty("contentY", wanted ? std::max<qreal>(0, end) : 0);
+    }
+    settle();
+    return found;
+}
 
 void press(QQuickWindow* window, int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
     QKeyEvent down(QEvent::KeyPress, key, modifiers);
@@ -266,6 +286,9 @@ int main(int argc, char** argv) {
                 for (const auto& size : sizes) {
                     window->resize(size.width, size.height);
                     settle();
+                    if (!scrollTo(window, scene.scrollToEnd)) {
+                        ++failures;
+                    }
                     const auto file = QStringLiteral("%1-%2-%3-%4.png")
                                           .arg(scene.name, QString::fromLatin1(language),
                                                dark ? QStringLiteral("dark") : QStringLiteral("light"),
