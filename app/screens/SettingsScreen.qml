@@ -15,6 +15,9 @@ Item {
     function label(key) { return copy.text(key) }
 
     readonly property var mutedApps: pref("mutedApps", [])
+    // Each language is named in itself, so a user who cannot read the current one still finds their own.
+    readonly property var languages: [{ value: "nl", label: copy.text("settings.language_nl") },
+                                      { value: "en", label: copy.text("settings.language_en") }]
 
     component SectionTitle: Text {
         Layout.fillWidth: true
@@ -63,7 +66,7 @@ Item {
                     description: copy.text("settings.app_language_hint")
                     Segmented {
                         objectName: "appLanguage"
-                        options: [{ value: "nl", label: "Nederlands" }, { value: "en", label: "English" }]
+                        options: screen.languages
                         value: screen.pref("appLanguage", copy.language)
                         onActivated: value => {
                             screen.setPref("appLanguage", value)
@@ -77,7 +80,7 @@ Item {
                     description: copy.text("settings.output_language_hint")
                     Segmented {
                         objectName: "outputLanguage"
-                        options: [{ value: "nl", label: "Nederlands" }, { value: "en", label: "English" }]
+                        options: screen.languages
                         value: screen.pref("outputLanguage", "nl")
                         onActivated: value => screen.setPref("outputLanguage", value)
                     }
