@@ -11,6 +11,7 @@
 #include "app/desktop/CopyObject.h"
 #include "app/desktop/DesktopShell.h"
 
+#include <QColor>
 #include <QDir>
 #include <QGuiApplication>
 #include <QImage>
@@ -27,9 +28,12 @@
 #include <QtQml/QQmlExtensionPlugin>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <utility>
 
 Q_IMPORT_QML_PLUGIN(Kavely_ScreensPlugin)
 
@@ -90,6 +94,51 @@ bool scannerSeesRawKeys(QQmlEngine& engine) {
 }
 
 void settle();
+
+double luminance(const QColor& colour) {
+    const auto channel = [](double value) {
+        return value <= 0.03928 ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * channel(colour.redF()) + 0.7152 * channel(colour.greenF()) +
+           0.0722 * channel(colour.blueF());
+}
+
+double contrast(const QColor& a, const QColor& b) {
+    const auto la = luminance(a);
+    const auto lb = luminance(b);
+    return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
+}
+
+// Every pair of text and the surface it stands on reaches 4.5:1 (WCAG AA for body text) in the theme as
+// it is now, light or dark.
+int checkContrast(QObject* theme, const char* themeName) {
+    static const std::pair<const char*, const char*> pairs[] = {
+        {"text", "background"},       {"text", "surface"},
+        {"text", "surfaceAlt"},       {"text", "sidebar"},
+        {"textMuted", "background"},  {"textMuted", "surface"},
+        {"textMuted", "surfaceAlt"},  {"textMuted", "sidebar"},
+        {"accent", "surface"},        {"accent", "accentSoft"},
+        {"textOnAccent", "accent"},   {"warning", "warningSoft"},
+        {"warning", "surface"},       {"recording", "recordingSoft"},
+        {"recording", "surface"},     {"info", "infoSoft"},
+        {"text", "warningSoft"},      {"text", "recordingSoft"},
+        {"text", "infoSoft"},         {"textMuted", "infoSoft"},
+        {"textMuted", "warningSoft"}, {"textMuted", "recordingSoft"},
+        {"text", "accentSoft"},
+    };
+    int failures = 0;
+    for (const auto& [foreground, background] : pairs) {
+        const auto fg = theme->property(foreground).value<QColor>();
+        const auto bg = theme->property(background).value<QColor>();
+        const auto ratio = contrast(fg, bg);
+        if (!fg.isValid() || !bg.isValid() || ratio < 4.5) {
+            std::fprintf(stderr, "gallery: %s theme: %s on %s has contrast %.2f, below 4.5\n", themeName,
+                         foreground, background, ratio);
+            ++failures;
+        }
+    }
+    return failures;
+}
 
 // Scrolls the named scroll view to its end, or every scroll view back to the top for an empty name.
 bool scrollTo(QQuickWindow* window, const QString& scrollerName) {
@@ -248,8 +297,8 @@ int main(int argc, char** argv) {
     // The theme follows the settings object once it exists; before that the gallery sets the theme itself.
     auto* theme = window->property("theme").value<QObject*>();
     auto* prefs = context->contextProperty(QStringLiteral("settings")).value<QObject*>();
-    if (!theme && !prefs) {
-        std::fprintf(stderr, "gallery: no way to switch the theme\n");
+    if (!theme) {
+        std::fprintf(stderr, "gallery: the main window does not show its theme\n");
         return 1;
     }
 
@@ -270,6 +319,10 @@ int main(int argc, char** argv) {
                 prefs->setProperty("theme", dark ? QStringLiteral("dark") : QStringLiteral("light"));
             } else {
                 theme->setProperty("dark", dark);
+            }
+            if (std::strcmp(language, "nl") == 0) {
+                settle();
+                failures += checkContrast(theme, dark ? "dark" : "light");
             }
             for (const auto& scene : kavelo::GalleryScenes::all()) {
                 auto fields = kavelo::GalleryScenes::baseline();
