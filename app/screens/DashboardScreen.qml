@@ -28,6 +28,7 @@ Item {
 
     Connections {
         target: app
+        // An empty message takes a shown error away.
         function onErrorOccurred(message) { screen.lastError = message }
     }
 

@@ -108,6 +108,15 @@ QVector<GalleryScene> GalleryScenes::all() {
          {{QStringLiteral("sessionExpired"), true},
           {QStringLiteral("isSignedIn"), false},
           {QStringLiteral("profile"), QVariantMap{}}}},
+        [] {
+            GalleryScene scene(QStringLiteral("dashboard-error"), QStringLiteral("home"), {});
+            scene.error = {
+                {QStringLiteral("nl"), QStringLiteral("De microfoon is niet gevonden. Sluit hem opnieuw aan "
+                                                      "of kies een andere in de instellingen.")},
+                {QStringLiteral("en"), QStringLiteral("The microphone was not found. Plug it in again or "
+                                                      "choose another one in the settings.")}};
+            return scene;
+        }(),
         {QStringLiteral("dashboard-loading"),
          home,
          {{QStringLiteral("isSignedIn"), false}, {QStringLiteral("profile"), QVariantMap{}}}},

@@ -19,6 +19,8 @@ struct GalleryScene {
     QVariantMap fields;
     // The object name of a scroll view to show scrolled to its end, for what lies below the fold.
     QString scrollToEnd;
+    // An error the model reports in this scene, by language ("nl", "en"); none when empty.
+    QVariantMap error;
 };
 
 // Every screen of the main window in each state it has, built on one signed-in baseline of the demo

@@ -335,6 +335,8 @@ int main(int argc, char** argv) {
                                  qPrintable(unknown.join(QLatin1Char(','))));
                     ++failures;
                 }
+                // The screen keeps the last error until dismissed: an empty one clears it between scenes.
+                emit shell.model().errorOccurred(scene.error.value(QString::fromLatin1(language)).toString());
                 shell.model().setRequestedSection(scene.section);
                 for (const auto& size : sizes) {
                     window->resize(size.width, size.height);
