@@ -107,7 +107,7 @@ ApplicationWindow {
         Rectangle {
             id: sidebar
             Layout.fillHeight: true
-            Layout.preferredWidth: Theme.sidebarWidth
+            Layout.preferredWidth: window.width < Theme.compactBelow ? Theme.sidebarWidthCompact : Theme.sidebarWidth
             color: Theme.sidebar
 
             ColumnLayout {

@@ -29,6 +29,7 @@ FocusScope {
     }
     Keys.onLeftPressed: pick(-1)
     Keys.onRightPressed: pick(1)
+    Keys.onSpacePressed: pick(1)
     Accessible.role: Accessible.RadioButton
 
     Rectangle {

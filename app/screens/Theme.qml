@@ -50,6 +50,9 @@ QtObject {
 
     // Fixed measures.
     readonly property int sidebarWidth: 200
+    // Below this window width the sidebar narrows so the content keeps its room.
+    readonly property int compactBelow: 900
+    readonly property int sidebarWidthCompact: 176
     readonly property int controlHeight: 36
     readonly property int contentMaxWidth: 760
     readonly property int focusWidth: 2
