@@ -197,6 +197,9 @@ class AppModel : public QObject {
     void errorOccurred(const QString& message);
 
   private:
+    // The screen gallery shows the screens in states the services would take minutes to reach.
+    friend class AppModelPreview;
+
     AppEnvironment& env_;
 
     bool isSignedIn_ = false;
