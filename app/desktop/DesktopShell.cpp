@@ -3,6 +3,7 @@
 #include "app/desktop/AppModel.h"
 #include "app/desktop/CopyObject.h"
 
+#include <QFile>
 #include <QQmlApplicationEngine>
 #include <QQmlContext>
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/shell/AppEnvironment.h"
+#include "app/shell/KaveloCopy.h"
 
 #include <QObject>
 #include <QUrl>
@@ -33,6 +34,7 @@ class DesktopShell : public QObject {
 
   private:
     std::unique_ptr<AppEnvironment> env_;
+    std::unique_ptr<KaveloCopy> texts_;
     std::unique_ptr<QQmlApplicationEngine> engine_;
     AppModel* model_ = nullptr; // owned by this QObject
     CopyObject* copy_ = nullptr;

@@ -1,4 +1,5 @@
 #include "app/desktop/DesktopShell.h"
+#include "app/shell/EnvironmentSettings.h"
 
 #include <QGuiApplication>
 #include <QQuickStyle>
@@ -30,6 +31,7 @@ int main(int argc, char** argv) {
     }
     try {
         const auto mode = kavelo::AppEnvironment::detectMode(options);
+        options.preferencesFile = kavelo::EnvironmentSettings::preferencesFile(mode, options.env);
         kavelo::DesktopShell shell(mode, std::move(options));
         if (!shell.load(QStringLiteral("Main.qml"))) {
             std::fprintf(stderr, "kavely: the main window could not be created\n");

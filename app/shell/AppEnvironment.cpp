@@ -15,6 +15,7 @@
 #include "core/recording/FileRecoveryStore.h"
 #include "core/support/AtomicFile.h"
 #include "core/support/InMemoryKeyValueStore.h"
+#include "core/support/PreferencesFile.h"
 #include "core/support/SystemClock.h"
 #include "core/transport/LiveSignedURLProvider.h"
 #include "core/transport/LiveUploadWorker.h"
@@ -96,9 +97,16 @@ AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
         logger->warn(std::string("data directory unavailable: ") + error.what());
     }
 
-    // 3. Preferences. Kept in memory until the preferences file exists; nothing stored yet outlives the
-    // process.
-    keyValueStore = std::make_shared<InMemoryKeyValueStore>();
+    // 3. Preferences: the desktop program keeps them in its preferences file; the command-line tool keeps
+    // them for one run.
+    if (options.preferencesFile.empty()) {
+        keyValueStore = std::make_shared<InMemoryKeyValueStore>();
+    } else {
+        keyValueStore =
+            std::make_shared<PreferencesFile>(options.preferencesFile, [sink](const std::string& message) {
+                sink(LogLevel::warn, "core", message);
+            });
+    }
 
     // 4. The session and its store; the two worlds never share one.
     auto storeLogger = std::make_shared<CoreLogger>(clock, 200);

@@ -51,6 +51,8 @@ class AppEnvironment {
         SessionStorage sessionStorage = SessionStorage::secretService;
         std::filesystem::path sessionFile; // with SessionStorage::file; empty: "<data>/session.json"
         LogSink logSink;                   // absent: stderr
+        // The preferences file; empty keeps preferences in memory for this run (kavelo-cli, tests).
+        std::filesystem::path preferencesFile;
         // Let a front end watch the recorder's and the upload worker's events without the core knowing
         // it: each decorator wraps the service before anything else holds it.
         std::function<std::shared_ptr<NativeRecorder>(std::shared_ptr<NativeRecorder>)> decorateRecorder;

@@ -89,6 +89,24 @@ std::filesystem::path EnvironmentSettings::dataDirectory(AppEnvironmentMode mode
     return base;
 }
 
+std::filesystem::path EnvironmentSettings::preferencesFile(AppEnvironmentMode mode,
+                                                           const EnvironmentReader& env) {
+    std::filesystem::path base;
+    if (const auto xdg = env("XDG_CONFIG_HOME"); xdg && !xdg->empty() && xdg->front() == '/') {
+        base = *xdg;
+    } else if (const auto home = env("HOME"); home && !home->empty()) {
+        base = std::filesystem::path(*home) / ".config";
+    } else {
+        // Nowhere to keep them: the caller keeps them in memory.
+        return {};
+    }
+    base /= "Kavely";
+    if (mode == AppEnvironmentMode::mock) {
+        base /= "Mock";
+    }
+    return base / "preferences.json";
+}
+
 AppConfig EnvironmentSettings::makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,
                                           const std::filesystem::path& dataDirectory) {
     AppConfig config;

@@ -34,6 +34,8 @@ class EnvironmentSettings {
     // $XDG_DATA_HOME/Kavely (or ~/.local/share/Kavely), "Kavely/Mock" in mock mode; the temporary
     // directory stands in when there is no home at all.
     static std::filesystem::path dataDirectory(AppEnvironmentMode mode, const EnvironmentReader& env);
+    // "$XDG_CONFIG_HOME/Kavely/preferences.json" (~/.config when unset), under "Kavely/Mock" in mock mode.
+    static std::filesystem::path preferencesFile(AppEnvironmentMode mode, const EnvironmentReader& env);
 
     // Throws EnvironmentError in the live world without a usable backend (see liveBackend).
     static AppConfig makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,
