@@ -6,7 +6,14 @@
 #include <QVariantList>
 #include <QVariantMap>
 
+#include "core/support/Task.h"
+
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace kavelo {
 
@@ -85,7 +92,10 @@ class AppModel : public QObject {
     Q_PROPERTY(bool mockMode READ mockMode CONSTANT)
 
   public:
-    explicit AppModel(AppEnvironment& env, QObject* parent = nullptr);
+    // Reads a text of the language tables by key, in the user's language.
+    using Texts = std::function<std::string(std::string_view key)>;
+
+    AppModel(AppEnvironment& env, Texts texts, QObject* parent = nullptr);
     ~AppModel() override;
 
     bool isSignedIn() const { return isSignedIn_; }
@@ -200,7 +210,16 @@ class AppModel : public QObject {
     // The screen gallery shows the screens in states the services would take minutes to reach.
     friend class AppModelPreview;
 
+    // Runs `work` off the main thread; the model waits for every such task when it goes.
+    void runInBackground(std::function<void()> work);
+    void applyCoordinatorState(bool withPhase);
+    void applySession();
+    void refreshDevicesNow();
+
     AppEnvironment& env_;
+    const Texts texts_;
+    std::mutex tasksMutex_;
+    std::vector<Task> tasks_; // guarded by tasksMutex_
 
     bool isSignedIn_ = false;
     QString onboardingStep_ = QStringLiteral("welcome");

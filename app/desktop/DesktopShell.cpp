@@ -12,11 +12,13 @@ namespace kavelo {
 DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options options, QObject* parent)
     : QObject(parent), env_(std::make_unique<AppEnvironment>(mode, std::move(options))),
       engine_(std::make_unique<QQmlApplicationEngine>()) {
-    model_ = new AppModel(*env_, this);
+
     // Until the language tables are wired in, a key reads as itself.
     copy_ = new CopyObject({[](std::string_view key) { return std::string(key); },
                             [] { return std::string("nl"); }, [](const std::string&) {}},
                            this);
+    model_ = new AppModel(
+        *env_, [texts = texts_.get()](std::string_view key) { return texts->text(key); }, this);
     auto* context = engine_->rootContext();
     context->setContextProperty(QStringLiteral("app"), model_);
     context->setContextProperty(QStringLiteral("copy"), copy_);
@@ -29,6 +31,9 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
 DesktopShell::~DesktopShell() {
     // The screens go before the objects they bind to.
     engine_.reset();
+    // The model's background work uses the environment: it ends before the environment goes.
+    delete model_;
+    model_ = nullptr;
 }
 
 bool DesktopShell::load(const QString& screenFile) {

@@ -1,0 +1,94 @@
+#include "app/desktop/AppModel.h"
+#include "app/desktop/DesktopShell.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QGuiApplication>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace kavelo {
+namespace {
+
+// The desktop program's model on the mock world: the demo account signs itself in, the devices arrive, and
+// the dashboard's controls drive a real coordinator through a recording.
+class AppModelTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+        static int argc = 1;
+        static char name[] = "test_app_desktop";
+        static char* argv[] = {name, nullptr};
+        static QGuiApplication app(argc, argv);
+    }
+    void SetUp() override {
+        char pattern[] = "/tmp/kavely-model-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        home_ = pattern;
+        AppEnvironment::Options options;
+        options.env = [home = home_](const std::string& name) -> std::optional<std::string> {
+            if (name == "KAVELO_BACKEND" || name == "KAVELO_RECORDER") {
+                return "mock";
+            }
+            if (name == "HOME" || name == "XDG_DATA_HOME") {
+                return home.string();
+            }
+            return std::nullopt;
+        };
+        options.sessionStorage = AppEnvironment::SessionStorage::memory;
+        options.preferencesFile = home_ / "preferences.json";
+        options.logSink = [](LogLevel, const std::string&, const std::string&) {};
+        shell_ = std::make_unique<DesktopShell>(AppEnvironment::Mode::mock, std::move(options));
+    }
+    void TearDown() override {
+        shell_.reset();
+        std::filesystem::remove_all(home_);
+    }
+    // Runs the event loop until `done` holds; false after a generous bound.
+    template <class F> bool eventually(F done) {
+        QElapsedTimer timer;
+        timer.start();
+        while (!done()) {
+            if (timer.elapsed() > 20000) {
+                return false;
+            }
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        }
+        return true;
+    }
+
+    std::filesystem::path home_;
+    std::unique_ptr<DesktopShell> shell_;
+};
+
+TEST_F(AppModelTest, TheDemoAccountRecordsFromTheDashboardAndTheStopLeavesTheRecordingPhases) {
+    auto& model = shell_->model();
+    ASSERT_TRUE(eventually([&] { return model.canStartFromUI() && !model.microphones().isEmpty(); }))
+        << "phase " << model.phase().toStdString();
+    EXPECT_EQ(model.profile().value("email").toString().toStdString(), shell_->environment().demoEmail);
+    EXPECT_FALSE(model.selectedMicrophoneId().isEmpty());
+
+    model.setMeetingName(QStringLiteral("Weekstart"));
+    model.startRecording();
+    ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("recording"); }))
+        << "phase " << model.phase().toStdString() << ", blocker " << model.startBlocker().toStdString();
+    EXPECT_TRUE(model.menuBarShowsRecording());
+    EXPECT_FALSE(model.canStartFromUI());
+    ASSERT_TRUE(eventually([&] { return model.elapsedSeconds() >= 1; }));
+
+    model.pauseRecording();
+    ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("paused_user"); }));
+    model.resumeRecording();
+    ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("recording"); }));
+    model.stopRecording();
+    ASSERT_TRUE(eventually([&] {
+        return !model.menuBarShowsRecording() && model.phase() != "stopping_native_recorder";
+    })) << "phase "
+        << model.phase().toStdString();
+}
+
+} // namespace
+} // namespace kavelo
