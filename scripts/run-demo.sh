@@ -3,6 +3,7 @@
 # in-process mock backend: a private audio server with a null sink ("the meeting") and a virtual
 # microphone, two synthetic voices talking into them, and the whole road to "Sent". Where no audio server
 # can start here, it says so and records from the mock recorder instead.
+# On a machine with a display it opens the desktop program in mock mode instead.
 # Usage: ./scripts/run-demo.sh [SECONDS]   (default 20)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -21,6 +22,18 @@ say() { if [ "$dutch" = 1 ]; then printf '%s\n' "$2"; else printf '%s\n' "$1"; f
 
 say "Checking the packages the demo needs..." "Controleren of de pakketten voor de demo er zijn..."
 ./scripts/install-deps.sh
+
+# With a display, the desktop program itself in its practice world; without one, the headless demo below.
+# KAVELO_DEMO_HEADLESS=1 asks for the headless demo on a desktop too.
+if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ "${KAVELO_DEMO_HEADLESS:-0}" != 1 ]; then
+    say "Building Kavely (the first time takes a few minutes)..." \
+        "Kavely bouwen (de eerste keer duurt dat een paar minuten)..."
+    cmake --preset default >/dev/null
+    cmake --build --preset default --target kavely -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+    say "Opening Kavely in practice mode: the demo account is signed in and nothing leaves this computer." \
+        "Kavely opent in oefenmodus: het demo-account is aangemeld en er verlaat niets deze computer."
+    exec "$root/build/default/app/desktop/kavely" --mock
+fi
 say "Building kavelo-cli (the first time takes a few minutes)..." \
     "kavelo-cli bouwen (de eerste keer duurt dat een paar minuten)..."
 cmake --preset default >/dev/null
