@@ -2,6 +2,7 @@
 
 #include "app/desktop/AppModel.h"
 #include "app/desktop/CopyObject.h"
+#include "app/desktop/SettingsModel.h"
 
 #include <QFile>
 #include <QQmlApplicationEngine>
@@ -19,7 +20,18 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
                            this);
     model_ = new AppModel(
         *env_, [texts = texts_.get()](std::string_view key) { return texts->text(key); }, this);
+    // Only the real program registers itself to open at login; the practice world leaves the desktop alone.
+    std::filesystem::path autostart;
+    if (mode == AppEnvironment::Mode::live) {
+        const auto config = qEnvironmentVariable("XDG_CONFIG_HOME");
+        const auto base = config.startsWith(QLatin1Char('/'))
+                              ? config.toStdString()
+                              : qEnvironmentVariable("HOME").toStdString() + "/.config";
+        autostart = std::filesystem::path(base) / "autostart" / "nl.kavely.Kavely.desktop";
+    }
+    settings_ = new SettingsModel(env_->keyValueStore, autostart, this);
     auto* context = engine_->rootContext();
+    context->setContextProperty(QStringLiteral("settings"), settings_);
     context->setContextProperty(QStringLiteral("app"), model_);
     context->setContextProperty(QStringLiteral("copy"), copy_);
     // Setting the context property again, to the same object, re-evaluates every binding that reads a

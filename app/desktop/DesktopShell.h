@@ -14,6 +14,7 @@ namespace kavelo {
 
 class AppModel;
 class CopyObject;
+class SettingsModel;
 
 // Composes the desktop program: the environment (live or mock), the language tables, the model and the
 // QML engine that shows the screens. The program and the gallery test build the same thing through it.
@@ -38,6 +39,7 @@ class DesktopShell : public QObject {
     std::unique_ptr<QQmlApplicationEngine> engine_;
     AppModel* model_ = nullptr; // owned by this QObject
     CopyObject* copy_ = nullptr;
+    SettingsModel* settings_ = nullptr;
 };
 
 } // namespace kavelo
