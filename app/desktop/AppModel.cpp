@@ -139,9 +139,11 @@ void AppModel::applyCoordinatorState(bool withPhase) {
             (phase_ == QStringLiteral("success") || phase_.startsWith(QStringLiteral("error_")))) {
             setMeetingName({});
         }
+        const bool wasRecording = menuBarShowsRecording();
         if (store(phase_, phase)) {
             emit phaseChanged();
             emit derivedChanged();
+            notifyPhase(wasRecording);
         }
     }
     const auto warnings = coordinator.warnings();
@@ -191,6 +193,18 @@ void AppModel::applyCoordinatorState(bool withPhase) {
     }
     if (store(elapsedSeconds_, coordinator.elapsedActiveSeconds())) {
         emit elapsedSecondsChanged();
+    }
+}
+
+void AppModel::notifyPhase(bool wasRecording) {
+    const auto text = [this](std::string_view key) { return qs(texts_(key)); };
+    if (phase_ == QStringLiteral("recording") && !wasRecording &&
+        env_.keyValueStore->boolean("kavelo_notify_started").value_or(true)) {
+        emit notificationWanted(text("desktop.notify_started_title"), text("desktop.notify_started_body"),
+                                text("desktop.notify_action_open"));
+    } else if (phase_ == QStringLiteral("success")) {
+        emit notificationWanted(text("desktop.notify_handover_title"), text("desktop.notify_handover_body"),
+                                text("desktop.notify_action_open"));
     }
 }
 

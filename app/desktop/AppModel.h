@@ -205,6 +205,8 @@ class AppModel : public QObject {
     void derivedChanged();
     // A recording failed to start or a sign-in failed: a text for the user, already in their language.
     void errorOccurred(const QString& message);
+    // A notification to show: title, body and the label of its action that opens the window.
+    void notificationWanted(const QString& title, const QString& body, const QString& openLabel);
 
   private:
     // The screen gallery shows the screens in states the services would take minutes to reach.
@@ -214,6 +216,8 @@ class AppModel : public QObject {
     void runInBackground(std::function<void()> work);
     void applyCoordinatorState(bool withPhase);
     void applySession();
+    // The notifications that go with entering the current phase.
+    void notifyPhase(bool wasRecording);
     void refreshDevicesNow();
 
     AppEnvironment& env_;

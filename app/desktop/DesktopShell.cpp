@@ -14,9 +14,17 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
     : QObject(parent), env_(std::make_unique<AppEnvironment>(mode, std::move(options))),
       engine_(std::make_unique<QQmlApplicationEngine>()) {
 
-    // Until the language tables are wired in, a key reads as itself.
-    copy_ = new CopyObject({[](std::string_view key) { return std::string(key); },
-                            [] { return std::string("nl"); }, [](const std::string&) {}},
+    texts_ = std::make_unique<KaveloCopy>(
+        env_->keyValueStore, [](const std::string& name) -> std::optional<std::string> {
+            QFile file(QStringLiteral(":/copy/") + QString::fromStdString(name));
+            if (!file.open(QIODevice::ReadOnly)) {
+                return std::nullopt;
+            }
+            return file.read(KaveloCopy::kMaxFileBytes + 1).toStdString();
+        });
+    copy_ = new CopyObject({[texts = texts_.get()](std::string_view key) { return texts->text(key); },
+                            [texts = texts_.get()] { return texts->language(); },
+                            [texts = texts_.get()](const std::string& code) { texts->setLanguage(code); }},
                            this);
     model_ = new AppModel(
         *env_, [texts = texts_.get()](std::string_view key) { return texts->text(key); }, this);

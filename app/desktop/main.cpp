@@ -1,5 +1,6 @@
 #include "app/desktop/AppModel.h"
 #include "app/desktop/AutomationService.h"
+#include "app/desktop/DesktopNotifications.h"
 #include "app/desktop/DesktopShell.h"
 #include "app/desktop/SingleInstance.h"
 #include "app/shell/EnvironmentSettings.h"
@@ -143,6 +144,11 @@ int main(int argc, char** argv) {
         QObject::connect(&automation, &kavelo::AutomationService::showRequested, &shell,
                          [&engine] { raise(engine); });
         automation.registerOnSessionBus();
+        kavelo::DesktopNotifications notifications;
+        QObject::connect(&model, &kavelo::AppModel::notificationWanted, &notifications,
+                         &kavelo::DesktopNotifications::post);
+        QObject::connect(&notifications, &kavelo::DesktopNotifications::openRequested, &shell,
+                         [&engine] { raise(engine); });
         if (qEnvironmentVariableIntValue("KAVELO_REPORT_FIRST_FRAME") == 1) {
             for (auto* object : engine.rootObjects()) {
                 if (auto* window = qobject_cast<QQuickWindow*>(object)) {

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The real desktop program in a real window: Xvfb and a private session bus, `kavely --mock` driven over its
 # D-Bus interface through a recording, and a second start whose address goes to the first and exits 0.
-#   desktop-end-to-end.sh path/to/kavely
+#   desktop-end-to-end.sh path/to/kavely path/to/fake-notification-server
 set -uo pipefail
 kavely=$1
+notifications=$2
 tmp=$(mktemp -d /tmp/kavely-e2e-XXXXXX)
 pids=()
 cleanup() {
@@ -42,6 +43,10 @@ bus=$(dbus-daemon --session --fork --print-address=1 --print-pid=1 --nopidfile) 
 export DBUS_SESSION_BUS_ADDRESS=$(head -n1 <<<"$bus")
 pids+=("$(sed -n 2p <<<"$bus")")
 
+"$notifications" "$tmp/invoke" >"$tmp/notifications.log" 2>&1 &
+pids+=($!)
+eventually 20 grep -q ready "$tmp/notifications.log" || fail "the stand-in notification server did not start"
+
 "$kavely" --mock >"$tmp/kavely.log" 2>&1 &
 kavely_pid=$!
 pids+=($kavely_pid)
@@ -61,6 +66,13 @@ refusal=$(call Stop 2>&1) && fail "Stop while idle was accepted"
 grep -q "nothing to stop" <<<"$refusal" || fail "Stop while idle said: $refusal"
 call Start >/dev/null || fail "Start was refused"
 eventually 30 phase_is recording || fail "the recording did not start (phase: $(get_phase))"
+# The start is announced with an action that opens the window.
+eventually 20 grep -qP '^notify\tKavely is recording\tdefault,open$' "$tmp/notifications.log" ||
+    eventually 1 grep -qP '^notify\tKavely neemt op\tdefault,open$' "$tmp/notifications.log" ||
+    fail "no start notification with its action: $(cat "$tmp/notifications.log")"
+touch "$tmp/invoke"
+eventually 20 grep -q '^invoked' "$tmp/notifications.log" || fail "the notification's action was not invoked"
+kill -0 $kavely_pid 2>/dev/null || fail "kavely ended when the notification's action was invoked"
 call Pause >/dev/null || fail "Pause was refused"
 eventually 20 phase_is paused_user || fail "the recording did not pause (phase: $(get_phase))"
 call Resume >/dev/null || fail "Resume was refused"
@@ -74,4 +86,4 @@ rc=$?
 [ $rc -eq 0 ] || fail "the second start exited $rc: $(cat "$tmp/second.log")"
 kill -0 $kavely_pid 2>/dev/null || fail "the first kavely ended"
 [ "$(xdotool search --onlyvisible --name '^Kavely$' | wc -l)" -eq 1 ] || fail "a second window opened"
-echo "PASS: window mapped, recording started, paused, resumed and stopped over D-Bus, second start handed over"
+echo "PASS: window mapped, recording started (notified, action invoked), paused, resumed and stopped over D-Bus, second start handed over"

@@ -1,4 +1,5 @@
 #include "app/desktop/AppModel.h"
+#include "app/desktop/CopyObject.h"
 #include "app/desktop/DesktopShell.h"
 
 #include <QCoreApplication>
@@ -70,6 +71,12 @@ TEST_F(AppModelTest, TheDemoAccountRecordsFromTheDashboardAndTheStopLeavesTheRec
         << "phase " << model.phase().toStdString();
     EXPECT_EQ(model.profile().value("email").toString().toStdString(), shell_->environment().demoEmail);
     EXPECT_FALSE(model.selectedMicrophoneId().isEmpty());
+    // The program reads its texts from the tables it carries, in the chosen language.
+    auto& copy = shell_->copy();
+    copy.setLanguage(QStringLiteral("en"));
+    EXPECT_EQ(copy.text(QStringLiteral("desktop.notify_action_open")), QStringLiteral("Open Kavely"));
+    copy.setLanguage(QStringLiteral("nl"));
+    EXPECT_EQ(copy.text(QStringLiteral("desktop.notify_action_open")), QStringLiteral("Kavely openen"));
 
     model.setMeetingName(QStringLiteral("Weekstart"));
     model.startRecording();
