@@ -100,13 +100,13 @@ PermissionState MockRecorder::requestSystemAudioPermission() {
 
 std::vector<AudioDevice> MockRecorder::listMicrophones() {
     using K = AudioDevice::Kind;
-    return {{"mock-mic-builtin", "MacBook Pro-microfoon", K::microphone, true, "builtin"},
+    return {{"mock-mic-builtin", "Ingebouwde microfoon", K::microphone, true, "builtin"},
             {"mock-mic-airpods", "AirPods Pro", K::microphone, false, "bluetooth"}};
 }
 
 std::vector<AudioDevice> MockRecorder::listOutputDevices() {
     using K = AudioDevice::Kind;
-    return {{"mock-out-speakers", "MacBook Pro-luidsprekers", K::output, true, "builtin"},
+    return {{"mock-out-speakers", "Ingebouwde luidsprekers", K::output, true, "builtin"},
             {"mock-out-airpods", "AirPods Pro", K::output, false, "bluetooth"}};
 }
 
