@@ -26,6 +26,10 @@ Xvfb ":$display" -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do [ -S "/tmp/.X11-unix/X$display" ] && break; sleep 0.1; done
 export DISPLAY=":$display" KAVELO_REPORT_FIRST_FRAME=1
+# A desktop session has a session bus; without one Qt would start a bus of its own at every start.
+bus=$(dbus-daemon --session --fork --print-address=1 --print-pid=1 --nopidfile)
+export DBUS_SESSION_BUS_ADDRESS=$(head -n1 <<<"$bus")
+pids+=("$(sed -n 2p <<<"$bus")")
 export HOME="$work" XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config" XDG_RUNTIME_DIR="$work/run"
 mkdir -m 700 "$work/run"
 ticks=$(getconf CLK_TCK)

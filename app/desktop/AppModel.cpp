@@ -291,6 +291,13 @@ void AppModel::setIndicatorCollapsed(bool collapsed) {
     }
 }
 
+void AppModel::setOnline(bool online) {
+    if (online_ != online) {
+        online_ = online;
+        emit onlineChanged();
+    }
+}
+
 bool AppModel::canStartFromUI() const {
     return phase_ == QStringLiteral("idle") && isSignedIn_;
 }

@@ -144,6 +144,8 @@ class AppModel : public QObject {
     bool indicatorCollapsed() const { return indicatorCollapsed_; }
     void setIndicatorCollapsed(bool collapsed);
     bool online() const { return online_; }
+    // The network came or went, as the desktop tells it.
+    void setOnline(bool online);
     bool canStartFromUI() const;
     bool menuBarShowsRecording() const;
     bool callAudioUnavailable() const;

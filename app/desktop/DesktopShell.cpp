@@ -2,6 +2,7 @@
 
 #include "app/desktop/AppModel.h"
 #include "app/desktop/CopyObject.h"
+#include "app/desktop/NetworkReachability.h"
 #include "app/desktop/SettingsModel.h"
 
 #include <QFile>
@@ -38,6 +39,9 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
         autostart = std::filesystem::path(base) / "autostart" / "nl.kavely.Kavely.desktop";
     }
     settings_ = new SettingsModel(env_->keyValueStore, autostart, this);
+    auto* network = new NetworkReachability(this);
+    model_->setOnline(network->online());
+    connect(network, &NetworkReachability::onlineChanged, model_, &AppModel::setOnline);
     auto* context = engine_->rootContext();
     context->setContextProperty(QStringLiteral("settings"), settings_);
     context->setContextProperty(QStringLiteral("app"), model_);
