@@ -65,9 +65,9 @@ SingleInstance::Outcome SingleInstance::handOver(const QStringList& arguments) {
     socket.connectToServer(socketPath_);
     if (socket.waitForConnected(1000)) {
         socket.write(encode(arguments));
-        while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(kPeerTimeoutMs)) {
+        while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(peerTimeoutMs_)) {
         }
-        const bool taken = socket.bytesToWrite() == 0 && socket.waitForReadyRead(kPeerTimeoutMs) &&
+        const bool taken = socket.bytesToWrite() == 0 && socket.waitForReadyRead(peerTimeoutMs_) &&
                            socket.read(1) == QByteArray(1, kTaken);
         return taken ? Outcome::handedOver : Outcome::unanswered;
     }
@@ -92,7 +92,7 @@ SingleInstance::Outcome SingleInstance::handOver(const QStringList& arguments) {
 
 void SingleInstance::accept(QLocalSocket* peer) {
     connect(peer, &QLocalSocket::disconnected, peer, &QObject::deleteLater);
-    QTimer::singleShot(kPeerTimeoutMs, peer, [peer] { peer->abort(); });
+    QTimer::singleShot(peerTimeoutMs_, peer, [peer] { peer->abort(); });
     auto buffer = std::make_shared<QByteArray>();
     connect(peer, &QLocalSocket::readyRead, this, [this, peer, buffer] {
         buffer->append(peer->readAll());

@@ -22,7 +22,8 @@ class SingleInstance : public QObject {
     // Arguments are a few addresses at most; anything larger is refused whole rather than cut.
     static constexpr qint32 kMaxMessageBytes = 64 * 1024;
     static constexpr int kMaxArguments = 32;
-    // A peer that connects and then says nothing is dropped after this long.
+    // A peer that connects and then says nothing is dropped after this long, and a second start waits as
+    // long for the first to confirm.
     static constexpr int kPeerTimeoutMs = 5000;
 
     enum class Outcome {
@@ -40,6 +41,8 @@ class SingleInstance : public QObject {
     static QString defaultDirectory();
 
     Outcome handOver(const QStringList& arguments);
+    // Tests shorten the wait for a peer that says nothing.
+    void setPeerTimeout(int milliseconds) { peerTimeoutMs_ = milliseconds; }
     QString socketPath() const { return socketPath_; }
 
   signals:
@@ -50,6 +53,7 @@ class SingleInstance : public QObject {
 
     QString socketPath_;
     QLocalServer* server_ = nullptr;
+    int peerTimeoutMs_ = kPeerTimeoutMs;
 };
 
 } // namespace kavelo

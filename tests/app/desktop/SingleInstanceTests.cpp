@@ -108,6 +108,7 @@ TEST_F(SingleInstanceTest, ASocketLeftByACrashIsTakenOver) {
 
 TEST_F(SingleInstanceTest, AnOversizedOrSilentPeerIsDroppedWithoutDelivering) {
     SingleInstance first(dir_, QStringLiteral("mock"));
+    first.setPeerTimeout(200);
     ASSERT_EQ(first.handOver({}), SingleInstance::Outcome::first);
     int delivered = 0;
     QObject::connect(&first, &SingleInstance::argumentsReceived, [&](const QStringList&) { ++delivered; });
@@ -123,10 +124,19 @@ TEST_F(SingleInstanceTest, AnOversizedOrSilentPeerIsDroppedWithoutDelivering) {
         qToBigEndian<qint32>(SingleInstance::kMaxMessageBytes + 1, header.data());
         peer.write(header + QByteArray(100, 'x'));
         peer.waitForBytesWritten(2000);
-        peer.waitForDisconnected(SingleInstance::kPeerTimeoutMs * 2);
+        peer.waitForDisconnected(5000);
         return peer.readAll();
     });
     EXPECT_EQ(answered, QByteArray());
+    EXPECT_EQ(delivered, 0);
+
+    // A peer that connects and says nothing is hung up on rather than kept open.
+    const bool droppedSilent = whileServing([path = first.socketPath()] {
+        QLocalSocket peer;
+        peer.connectToServer(path);
+        return peer.waitForConnected(2000) && peer.waitForDisconnected(5000);
+    });
+    EXPECT_TRUE(droppedSilent);
     EXPECT_EQ(delivered, 0);
 
     // An instance that is there but never answers: the second start says so instead of claiming success.
@@ -135,6 +145,7 @@ TEST_F(SingleInstanceTest, AnOversizedOrSilentPeerIsDroppedWithoutDelivering) {
     ASSERT_TRUE(deaf.listen(probe.socketPath()));
     const auto outcome = whileServing([this] {
         SingleInstance second(dir_, QStringLiteral("deaf"));
+        second.setPeerTimeout(200);
         return second.handOver({QStringLiteral("--show")});
     });
     EXPECT_EQ(outcome, SingleInstance::Outcome::unanswered);
