@@ -63,6 +63,9 @@ void route(kavelo::AppModel& model, QQmlApplicationEngine& engine, const QString
         if (argument == QStringLiteral("--show")) {
             raise(engine);
         } else if (const auto target = kavelo::KavelyUrlRoute::parse(argument.toStdString())) {
+            // Said in the log so that whoever sent the address can see where it went.
+            std::fprintf(stderr, "kavely: %s opens the %s section\n", qPrintable(argument),
+                         target->section.c_str());
             model.setRequestedSection(QString::fromStdString(target->section));
             raise(engine);
         } else if (!argument.isEmpty()) {
@@ -123,9 +126,18 @@ int main(int argc, char** argv) {
         if (args.show) {
             handed.prepend(QStringLiteral("--show"));
         }
-        kavelo::SingleInstance instance(QString::fromUtf8(kavelo::toRaw(mode).data()));
-        if (instance.handOver(handed)) {
+        kavelo::SingleInstance instance(kavelo::SingleInstance::defaultDirectory(),
+                                        QString::fromUtf8(kavelo::toRaw(mode).data()));
+        switch (instance.handOver(handed)) {
+        case kavelo::SingleInstance::Outcome::handedOver:
             return 0;
+        case kavelo::SingleInstance::Outcome::unanswered:
+            std::fprintf(stderr, "kavely: a Kavely is already running in this mode but did not answer; "
+                                 "close it or end its process, then start again\n");
+            return 1;
+        case kavelo::SingleInstance::Outcome::first:
+        case kavelo::SingleInstance::Outcome::alone:
+            break;
         }
         options.preferencesFile = kavelo::EnvironmentSettings::preferencesFile(mode, options.env);
         kavelo::DesktopShell shell(mode, std::move(options));

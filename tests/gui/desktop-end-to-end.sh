@@ -85,5 +85,7 @@ timeout 20 "$kavely" --mock kavely://open/settings >"$tmp/second.log" 2>&1
 rc=$?
 [ $rc -eq 0 ] || fail "the second start exited $rc: $(cat "$tmp/second.log")"
 kill -0 $kavely_pid 2>/dev/null || fail "the first kavely ended"
+eventually 10 grep -q '^kavely: kavely://open/settings opens the settings section$' "$tmp/kavely.log" ||
+    fail "the first kavely did not route the address of the second start"
 [ "$(xdotool search --onlyvisible --name '^Kavely$' | wc -l)" -eq 1 ] || fail "a second window opened"
-echo "PASS: window mapped, recording started (notified, action invoked), paused, resumed and stopped over D-Bus, second start handed over"
+echo "PASS: window mapped, recording started (notified, action invoked), paused, resumed and stopped over D-Bus, second start handed its address to the first"
