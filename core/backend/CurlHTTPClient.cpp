@@ -148,7 +148,9 @@ void CurlHTTPClient::release(CURL* handle) {
 
 HTTPResponse CurlHTTPClient::send(const HTTPRequest& request) {
     Transfer transfer;
-    transfer.limit = options_.maxResponseBytes;
+    transfer.limit = request.maxResponseBytes == 0
+                         ? options_.maxResponseBytes
+                         : std::min(request.maxResponseBytes, options_.maxResponseBytes);
     transfer.token = CancellationToken::current();
     if (transfer.token->isCancelled()) {
         throw TransportError(TransportError::Kind::cancelled, "cancelled");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/support/Bytes.h"
+#include <cstddef>
 
 #include <map>
 #include <optional>
@@ -16,6 +17,10 @@ struct HTTPRequest {
     std::optional<Bytes> body;
     double timeout = 60.0; // seconds, for the whole transfer
     bool bypassCache = false;
+    // A larger answer fails as a transport error before it is held in memory; 0 leaves the client's own
+    // limit. Calls whose answers have a known bound set it, so a hostile server cannot make us download
+    // megabytes we would refuse to read anyway.
+    std::size_t maxResponseBytes = 0;
 
     bool operator==(const HTTPRequest&) const = default;
 };

@@ -133,7 +133,7 @@ ChunkReconciliation LiveRecordingAPI::listRecordingChunks(const std::string& rec
     Bytes raw;
     try {
         raw = functions_->postRaw(kListRecordingChunks, ListChunksBody{recordingId}.toJson(), true,
-                                  AuthMode::required, {}, 15.0);
+                                  AuthMode::required, {}, 15.0, maxChunkListBytes + 1);
     } catch (...) {
         // Whatever went wrong, the server's view is unknown; callers must not read it as "nothing arrived".
         return ChunkReconciliation::unchecked();

@@ -60,7 +60,7 @@ std::string SupabaseFunctionClient::functionURL(const std::string& name) const {
 
 Bytes SupabaseFunctionClient::postRaw(const std::string& name, const Json& body, bool authorized,
                                       std::optional<AuthMode> authMode, const Headers& extraHeaders,
-                                      double timeout) const {
+                                      double timeout, std::size_t maxResponseBytes) const {
     const AuthMode mode = authMode.value_or(authorized ? AuthMode::required : AuthMode::anonymous);
     Headers headers{{"Content-Type", "application/json"}, {"apikey", config_.anonKey}};
     switch (mode) {
@@ -88,7 +88,7 @@ Bytes SupabaseFunctionClient::postRaw(const std::string& name, const Json& body,
     }
     const Bytes bytes = CoreJSON::encodeBytes(body);
 
-    HTTPResponse response = sendOnce(name, headers, bytes, timeout);
+    HTTPResponse response = sendOnce(name, headers, bytes, maxResponseBytes, timeout);
     // An optional call that went out with the anon key is retried too: a token may exist after refresh.
     // The backend refuses a stale token with 401, or with 400/403 and a JWT message.
     if (HostedAnswer::isRefusedToken(response) && mode != AuthMode::anonymous && tokenProvider_) {
@@ -96,7 +96,7 @@ Bytes SupabaseFunctionClient::postRaw(const std::string& name, const Json& body,
             logger_->warn(name + ": " + std::to_string(response.statusCode) +
                           " — token ververst, één herkansing");
             headers["Authorization"] = "Bearer " + *token;
-            response = sendOnce(name, headers, bytes, timeout);
+            response = sendOnce(name, headers, bytes, maxResponseBytes, timeout);
         }
     }
     if (!response.isSuccess()) {
@@ -106,8 +106,10 @@ Bytes SupabaseFunctionClient::postRaw(const std::string& name, const Json& body,
 }
 
 HTTPResponse SupabaseFunctionClient::sendOnce(const std::string& name, const Headers& headers,
-                                              const Bytes& body, double timeout) const {
+                                              const Bytes& body, std::size_t maxResponseBytes,
+                                              double timeout) const {
     HTTPRequest request;
+    request.maxResponseBytes = maxResponseBytes;
     request.url = functionURL(name);
     request.method = "POST";
     request.headers = headers;

@@ -37,10 +37,11 @@ class SupabaseFunctionClient {
     [[nodiscard]] std::string functionURL(const std::string& name) const;
 
     // The raw body of a 2xx answer. Without authMode, authorized true works as required and false as
-    // anonymous. An extra header replaces a header of the same name. Throws APIError only.
+    // anonymous. An extra header replaces a header of the same name. A non-zero maxResponseBytes refuses a
+    // longer answer as a network failure. Throws APIError only.
     Bytes postRaw(const std::string& name, const Json& body, bool authorized = true,
                   std::optional<AuthMode> authMode = std::nullopt, const Headers& extraHeaders = {},
-                  double timeout = 30.0) const;
+                  double timeout = 30.0, std::size_t maxResponseBytes = 0) const;
 
     // postRaw, then the record's own decoding (T::fromJson); a body that does not fit throws
     // APIError.decoding with the function's name in front.
@@ -61,7 +62,7 @@ class SupabaseFunctionClient {
   private:
     // One POST; a 2xx body returns, anything else throws. Transport errors come back as APIError.
     HTTPResponse sendOnce(const std::string& name, const Headers& headers, const Bytes& body,
-                          double timeout) const;
+                          std::size_t maxResponseBytes, double timeout) const;
     [[noreturn]] void fail(const std::string& name, const HTTPResponse& response) const;
 
     const AppConfig config_;
