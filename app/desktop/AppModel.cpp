@@ -2,6 +2,7 @@
 
 #include "app/shell/AppEnvironment.h"
 #include "app/shell/DeviceSelection.h"
+#include "core/accounts/AuthError.h"
 #include "core/recording/PreflightContext.h"
 #include "core/recording/RecordingPhase.h"
 #include "core/recording/SystemAudioMode.h"
@@ -60,7 +61,12 @@ template <class T> bool store(T& field, const T& value) {
 } // namespace
 
 AppModel::AppModel(AppEnvironment& env, Texts texts, QObject* parent)
-    : QObject(parent), env_(env), texts_(std::move(texts)) {
+    : QObject(parent), env_(env), texts_(std::move(texts)), onboarding_(env.keyValueStore),
+      dashboardPreferences_(env.keyValueStore), sessionHealth_(env.sessionManager, env.clock, env.logger) {
+    // The indicator folds to a small dot after a few seconds, out of the way of the meeting.
+    indicatorCollapse_.setSingleShot(true);
+    indicatorCollapse_.setInterval(5000);
+    connect(&indicatorCollapse_, &QTimer::timeout, this, [this] { setIndicatorCollapsed(true); });
     // Core services report on their own threads; only the main thread touches the model, so each report
     // becomes a queued call that finds the model gone if it went meanwhile.
     QPointer<AppModel> self(this);
@@ -96,9 +102,10 @@ AppModel::AppModel(AppEnvironment& env, Texts texts, QObject* parent)
     });
     applyCoordinatorState(true);
     if (env_.sessionManager->session()) {
-        // A session kept from an earlier run.
+        // A session kept from an earlier run: its token may have expired while the program was closed.
         runInBackground([this] { env_.coordinator->sessionDidSignIn(); });
         applySession();
+        checkSessionHealth();
     } else if (env_.usesMockServices) {
         // The mock world's demo account signs itself in, as the command-line tool's does.
         runInBackground([this] {
@@ -144,6 +151,9 @@ void AppModel::applyCoordinatorState(bool withPhase) {
             emit phaseChanged();
             emit derivedChanged();
             notifyPhase(wasRecording);
+            if (phase_ == QStringLiteral("success")) {
+                enterSuccess();
+            }
         }
     }
     const auto warnings = coordinator.warnings();
@@ -194,6 +204,55 @@ void AppModel::applyCoordinatorState(bool withPhase) {
     if (store(elapsedSeconds_, coordinator.elapsedActiveSeconds())) {
         emit elapsedSecondsChanged();
     }
+    QString line;
+    switch (coordinator.processingLine()) {
+    case ProcessingLine::secured:
+        line = QStringLiteral("secured");
+        break;
+    case ProcessingLine::searching:
+        line = QStringLiteral("searching");
+        break;
+    case ProcessingLine::preparingList:
+        line = QStringLiteral("preparing_list");
+        break;
+    case ProcessingLine::ready:
+        line = QStringLiteral("ready");
+        break;
+    }
+    if (store(processingLine_, line)) {
+        emit processingLineChanged();
+    }
+    QVariantMap summary;
+    if (const auto success = coordinator.successSummary()) {
+        summary = {{QStringLiteral("meetingName"), qs(success->meetingName)},
+                   {QStringLiteral("durationSeconds"), success->durationSeconds},
+                   {QStringLiteral("externalRecipientCount"), success->externalRecipientCount}};
+    }
+    if (store(successSummary_, summary)) {
+        emit successSummaryChanged();
+    }
+    // The review screens read the coordinator themselves; this tells them to read again.
+    static const QStringList reviewPhases{QStringLiteral("speaker_review"), QStringLiteral("share_review"),
+                                          QStringLiteral("waiting_for_uploads"),
+                                          QStringLiteral("finalizing")};
+    if (reviewPhases.contains(phase_)) {
+        ++speakerRevision_;
+        emit speakerRevisionChanged();
+    }
+    updateLiveIndicator();
+}
+
+void AppModel::enterSuccess() {
+    const auto id = userId();
+    if (!id) {
+        return;
+    }
+    dashboardPreferences_.markRecorded(*id);
+    if (const auto recordingId = env_.coordinator->currentRecordingId()) {
+        if (store(successRecordingId_, qs(*recordingId))) {
+            emit successRecordingIdChanged();
+        }
+    }
 }
 
 void AppModel::notifyPhase(bool wasRecording) {
@@ -208,29 +267,117 @@ void AppModel::notifyPhase(bool wasRecording) {
     }
 }
 
+void AppModel::onMain(std::function<void(AppModel&)> change) {
+    QPointer<AppModel> self(this);
+    QMetaObject::invokeMethod(
+        this,
+        [self, change = std::move(change)] {
+            if (self) {
+                change(*self);
+            }
+        },
+        Qt::QueuedConnection);
+}
+
 void AppModel::applySession() {
     const auto session = env_.sessionManager->session();
+    const bool wasSignedIn = isSignedIn_;
     if (store(isSignedIn_, session.has_value())) {
         emit isSignedInChanged();
         emit derivedChanged();
     }
     QVariantMap profile;
     if (session) {
-        // The mock world has no profile service: the profile is the session's user.
+        // There is no profile service yet: the profile is the session's user, and the mock world's demo
+        // account has its demo name.
         profile = {{QStringLiteral("userId"), qs(session->user.id)},
                    {QStringLiteral("email"), qs(session->user.email)},
                    {QStringLiteral("fullName"),
                     env_.usesMockServices ? QStringLiteral("Demo Gebruiker") : QString()}};
-    } else {
-        setMeetingName({});
     }
     if (store(profile_, profile)) {
         emit profileChanged();
         emit derivedChanged();
     }
-    if (session && sessionExpired_) {
-        sessionExpired_ = false;
-        emit sessionExpiredChanged();
+    if (session) {
+        if (sessionExpired_) {
+            sessionExpired_ = false;
+            emit sessionExpiredChanged();
+        }
+        if (!wasSignedIn) {
+            runInBackground([this, signedIn = *session] { postSignIn(signedIn); });
+        }
+        return;
+    }
+    if (!wasSignedIn) {
+        return;
+    }
+    runInBackground([this] { env_.coordinator->sessionDidSignOut(); });
+    setOnboardingStep(QStringLiteral("welcome"));
+    setMeetingName({});
+    if (!dashboardActivity_.isEmpty()) {
+        dashboardActivity_.clear();
+        emit dashboardActivityChanged();
+    }
+    if (!tips_.isEmpty()) {
+        tips_.clear();
+        emit tipsChanged();
+    }
+    if (store(successRecordingId_, QString())) {
+        emit successRecordingIdChanged();
+    }
+    if (store(elapsedSeconds_, 0)) {
+        emit elapsedSecondsChanged();
+    }
+}
+
+std::optional<std::string> AppModel::userId() const {
+    if (const auto session = env_.sessionManager->session()) {
+        return session->user.id;
+    }
+    return std::nullopt;
+}
+
+OnboardingFlow::AudioPermissions AppModel::permissions() const {
+    auto state = [](const QString& raw) {
+        return fromRaw<PermissionState>(raw.toStdString()).value_or(PermissionState::notDetermined);
+    };
+    return {state(micPermission_), state(systemAudioPermission_), state(audioCapturePermission_)};
+}
+
+void AppModel::postSignIn(const AuthSession& session) {
+    // Runs on a worker: each step that the screens see is handed to the main thread.
+    const std::string id = session.user.id;
+    const bool otherUser = onboarding_.rememberUser(id);
+    auto& recorder = *env_.recorder;
+    const OnboardingFlow::AudioPermissions granted{recorder.checkMicrophonePermission(),
+                                                   recorder.checkSystemAudioPermission(),
+                                                   recorder.checkAudioCapturePermission()};
+    const auto step = onboarding_.stepAfterSignIn(id, granted);
+    onMain([granted, step, otherUser](AppModel& model) {
+        model.micPermission_ = qs(toRaw(granted.microphone));
+        model.systemAudioPermission_ = qs(toRaw(granted.systemAudio));
+        model.audioCapturePermission_ = qs(toRaw(granted.audioCapture));
+        emit model.permissionsChanged();
+        emit model.derivedChanged();
+        if (step) {
+            model.setOnboardingStep(qs(*step));
+        }
+        if (otherUser) {
+            model.setTipsEnabled(true);
+        }
+        model.refreshDevices();
+        model.initializeDashboardEducation();
+        model.reloadDashboardActivity();
+    });
+    const std::string userName = env_.usesMockServices ? "Demo Gebruiker" : session.user.email;
+    // A recording an earlier run left behind (a crash, a shutdown mid-meeting) comes back for review.
+    env_.coordinator->recoverIfNeeded(session.user, userName);
+}
+
+void AppModel::setOnboardingStep(const QString& step) {
+    if (store(onboardingStep_, step)) {
+        emit onboardingStepChanged();
     }
 }
 
@@ -295,6 +442,10 @@ void AppModel::setOnline(bool online) {
     if (online_ != online) {
         online_ = online;
         emit onlineChanged();
+        // Once per offline period: the token may have run out while nothing could refresh it.
+        if (online_) {
+            checkSessionHealth();
+        }
     }
 }
 
@@ -408,12 +559,28 @@ void AppModel::pauseRecording() {
 void AppModel::resumeRecording() {
     runInBackground([this] { env_.coordinator->resumeRecording(); });
 }
-void AppModel::signInWithPassword(const QString&, const QString&) {}
+
+void AppModel::signInWithPassword(const QString& email, const QString& password) {
+    runInBackground([this, email = email.trimmed().toStdString(), password = password.toStdString()] {
+        try {
+            const auto session = env_.authService->signIn(email, password);
+            // A known account: it answered the questionnaire when it was made, if ever.
+            onboarding_.passwordSignIn(session.user.id);
+            env_.sessionManager->install(session);
+            env_.coordinator->sessionDidSignIn();
+        } catch (const AuthError& error) {
+            onMain([kind = qs(toRaw(error.kind()))](AppModel& model) { emit model.signInFailed(kind); });
+        } catch (const std::exception& error) {
+            env_.logger->error(std::string("sign-in failed: ") + error.what());
+            onMain([](AppModel& model) { emit model.signInFailed(QStringLiteral("unknown")); });
+        }
+    });
+}
+
 void AppModel::signOut() {
     runInBackground([this] {
         const auto session = env_.sessionManager->session();
         env_.sessionManager->signOut();
-        env_.coordinator->sessionDidSignOut();
         if (session) {
             try {
                 env_.authService->signOut(session->accessToken);
@@ -454,7 +621,141 @@ void AppModel::loadTips() {}
 void AppModel::dismissTip(const QString&) {}
 void AppModel::markReleaseNotesSeen() {}
 void AppModel::openUpdateDownload() {}
-void AppModel::onAppForeground() {}
-void AppModel::checkSessionHealth() {}
+void AppModel::onAppForeground() {
+    checkSessionHealth();
+}
+
+void AppModel::checkSessionHealth() {
+    runInBackground([this] {
+        const auto outcome = sessionHealth_.run();
+        if (outcome == SessionHealthCheck::Outcome::noSession ||
+            outcome == SessionHealthCheck::Outcome::retryLater) {
+            return;
+        }
+        onMain([expired = outcome == SessionHealthCheck::Outcome::rejected](AppModel& model) {
+            if (store(model.sessionExpired_, expired)) {
+                emit model.sessionExpiredChanged();
+            }
+        });
+    });
+}
+
+void AppModel::requestSystemAudioPermission() {
+    runInBackground([this] {
+        const auto systemAudio = env_.recorder->requestSystemAudioPermission();
+        const auto capture = env_.recorder->checkAudioCapturePermission();
+        onMain([systemAudio, capture](AppModel& model) {
+            model.systemAudioPermission_ = qs(toRaw(systemAudio));
+            model.audioCapturePermission_ = qs(toRaw(capture));
+            emit model.permissionsChanged();
+            emit model.derivedChanged();
+        });
+    });
+}
+
+void AppModel::updateUserMetadata(const char* key, const QString& value) {
+    const auto session = env_.sessionManager->session();
+    if (!session || value.isEmpty()) {
+        return;
+    }
+    runInBackground([this, key, value = value.toStdString(), token = session->accessToken] {
+        try {
+            env_.authService->updateUserMetadata({{key, value}}, token);
+        } catch (const std::exception& error) {
+            // The answer helps us, not the user: the step goes on regardless.
+            env_.logger->warn(std::string("saving the questionnaire answer failed: ") + error.what());
+        }
+    });
+}
+
+void AppModel::completeReferralStep(const QString& option) {
+    static const QStringList options{
+        QStringLiteral("received_notes"), QStringLiteral("colleague"),    QStringLiteral("google"),
+        QStringLiteral("ai_search"),      QStringLiteral("appstore"),     QStringLiteral("linkedin"),
+        QStringLiteral("reddit"),         QStringLiteral("social_media"), QStringLiteral("podcast"),
+        QStringLiteral("tradejournal"),   QStringLiteral("news"),         QStringLiteral("advertisement"),
+        QStringLiteral("other")};
+    updateUserMetadata("referral_source", options.contains(option) ? option : QString());
+    setOnboardingStep(QStringLiteral("fit"));
+}
+
+void AppModel::completeFitStep(const QString& option) {
+    static const QStringList options{
+        QStringLiteral("sales"),   QStringLiteral("recruitment"), QStringLiteral("consulting"),
+        QStringLiteral("finance"), QStringLiteral("legal"),       QStringLiteral("bouw"),
+        QStringLiteral("zorg"),    QStringLiteral("education"),   QStringLiteral("government"),
+        QStringLiteral("tech"),    QStringLiteral("other")};
+    updateUserMetadata("work_profile", options.contains(option) ? option : QString());
+    setOnboardingStep(QStringLiteral("ready"));
+}
+
+void AppModel::finishPostAuthOnboarding() {
+    if (const auto id = userId()) {
+        setOnboardingStep(qs(onboarding_.finishPostAuth(*id, permissions())));
+    }
+}
+
+void AppModel::completeAudioSetup() {
+    setOnboardingStep(qs(onboarding_.completeAudioSetup(userId().value_or(""))));
+}
+
+void AppModel::initializeDashboardEducation() {
+    if (const auto id = userId()) {
+        dashboardPreferences_.initializeEducation(*id);
+        refreshDashboardEducation();
+    }
+}
+
+void AppModel::refreshDashboardEducation() {
+    const auto id = userId();
+    const auto education = id ? dashboardPreferences_.education(*id) : DashboardPreferences::Education{};
+    if (education.firstRecording != educationFirstRecordingPending_ ||
+        education.processingStatus != educationProcessingStatusPending_ ||
+        education.reportSettings != educationReportSettingsPending_) {
+        educationFirstRecordingPending_ = education.firstRecording;
+        educationProcessingStatusPending_ = education.processingStatus;
+        educationReportSettingsPending_ = education.reportSettings;
+        emit educationChanged();
+    }
+}
+
+void AppModel::completeEducation(const QString& mark) {
+    static const QStringList marks{QStringLiteral("first-recording"), QStringLiteral("processing-status"),
+                                   QStringLiteral("report-settings")};
+    if (const auto id = userId(); id && marks.contains(mark)) {
+        dashboardPreferences_.completeEducation(*id, mark.toStdString());
+        refreshDashboardEducation();
+    }
+}
+
+bool AppModel::hasRecordedBefore() const {
+    return dashboardPreferences_.hasRecordedBefore(userId());
+}
+
+int AppModel::nextTipCursor() {
+    return dashboardPreferences_.nextTipCursor();
+}
+
+void AppModel::updateLiveIndicator() {
+    static const QStringList indicatorPhases{QStringLiteral("recording"),
+                                             QStringLiteral("recording_device_warning"),
+                                             QStringLiteral("recording_no_audio_warning"),
+                                             QStringLiteral("recording_offline_buffering"),
+                                             QStringLiteral("recording_route_changed"),
+                                             QStringLiteral("stop_confirm"),
+                                             QStringLiteral("paused_user")};
+    const bool show = indicatorPhases.contains(phase_) &&
+                      env_.keyValueStore->boolean("kavelo_live_indicator").value_or(true);
+    if (show && !indicatorVisible_) {
+        indicatorVisible_ = true;
+        setIndicatorCollapsed(false);
+        indicatorCollapse_.start();
+        emit indicatorVisibleChanged();
+    } else if (!show && indicatorVisible_) {
+        indicatorVisible_ = false;
+        indicatorCollapse_.stop();
+        emit indicatorVisibleChanged();
+    }
+}
 
 } // namespace kavelo

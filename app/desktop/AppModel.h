@@ -6,11 +6,18 @@
 #include <QVariantList>
 #include <QVariantMap>
 
+#include "app/shell/DashboardPreferences.h"
+#include "app/shell/OnboardingFlow.h"
+#include "app/shell/SessionHealthCheck.h"
+#include "core/accounts/AuthSession.h"
 #include "core/support/Task.h"
+
+#include <QTimer>
 
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -79,6 +86,8 @@ class AppModel : public QObject {
                    requestedSectionChanged)
     Q_PROPERTY(QString requestedSettingsSection READ requestedSettingsSection WRITE
                    setRequestedSettingsSection NOTIFY requestedSettingsSectionChanged)
+    // The small always-on-top panel that shows a recording is running; it folds itself after a while.
+    Q_PROPERTY(bool indicatorVisible READ indicatorVisible NOTIFY indicatorVisibleChanged)
     Q_PROPERTY(bool indicatorCollapsed READ indicatorCollapsed WRITE setIndicatorCollapsed NOTIFY
                    indicatorCollapsedChanged)
     // Whether the network is reachable as far as the desktop knows; true where nobody can tell.
@@ -141,6 +150,7 @@ class AppModel : public QObject {
     void setRequestedSection(const QString& section);
     QString requestedSettingsSection() const { return requestedSettingsSection_; }
     void setRequestedSettingsSection(const QString& section);
+    bool indicatorVisible() const { return indicatorVisible_; }
     bool indicatorCollapsed() const { return indicatorCollapsed_; }
     void setIndicatorCollapsed(bool collapsed);
     bool online() const { return online_; }
@@ -170,6 +180,19 @@ class AppModel : public QObject {
     Q_INVOKABLE void openUpdateDownload();
     Q_INVOKABLE void onAppForeground();
     Q_INVOKABLE void checkSessionHealth();
+    Q_INVOKABLE void requestSystemAudioPermission();
+    // The questionnaire of a new account; an empty or unknown option skips the question.
+    Q_INVOKABLE void completeReferralStep(const QString& option);
+    Q_INVOKABLE void completeFitStep(const QString& option);
+    Q_INVOKABLE void finishPostAuthOnboarding();
+    Q_INVOKABLE void completeAudioSetup();
+    Q_INVOKABLE void initializeDashboardEducation();
+    Q_INVOKABLE void refreshDashboardEducation();
+    // "first-recording", "processing-status" or "report-settings": the user has seen it.
+    Q_INVOKABLE void completeEducation(const QString& mark);
+    Q_INVOKABLE bool hasRecordedBefore() const;
+    // The tip the dashboard shows when it appears; moves on by one each time.
+    Q_INVOKABLE int nextTipCursor();
 
   signals:
     void isSignedInChanged();
@@ -202,11 +225,15 @@ class AppModel : public QObject {
     void sessionExpiredChanged();
     void requestedSectionChanged();
     void requestedSettingsSectionChanged();
+    void indicatorVisibleChanged();
     void indicatorCollapsedChanged();
     void onlineChanged();
     void derivedChanged();
     // A recording failed to start or a sign-in failed: a text for the user, already in their language.
     void errorOccurred(const QString& message);
+    // A password sign-in was refused; kind is the error's raw kind ("invalidCredentials", "network", ...),
+    // which the sign-in screen words.
+    void signInFailed(const QString& kind);
     // A notification to show: title, body and the label of its action that opens the window.
     void notificationWanted(const QString& title, const QString& body, const QString& openLabel);
 
@@ -220,7 +247,18 @@ class AppModel : public QObject {
     void applySession();
     // The notifications that go with entering the current phase.
     void notifyPhase(bool wasRecording);
-    void refreshDevicesNow();
+    // Runs `change` on the main thread with the model, unless the model went meanwhile.
+    void onMain(std::function<void(AppModel&)> change);
+    // After every sign-in, cold start included: permissions, the first-run step, devices, the profile,
+    // updates and tips, and a recording an earlier run left behind.
+    void postSignIn(const AuthSession& session);
+    void setOnboardingStep(const QString& step);
+    // The recording reached the server's hands: it goes on the dashboard and counts as recorded.
+    void enterSuccess();
+    void updateLiveIndicator();
+    void updateUserMetadata(const char* key, const QString& value);
+    std::optional<std::string> userId() const;
+    OnboardingFlow::AudioPermissions permissions() const;
 
     AppEnvironment& env_;
     const Texts texts_;
@@ -263,8 +301,14 @@ class AppModel : public QObject {
     bool sessionExpired_ = false;
     QString requestedSection_;
     QString requestedSettingsSection_;
+    bool indicatorVisible_ = false;
     bool indicatorCollapsed_ = false;
     bool online_ = true;
+
+    OnboardingFlow onboarding_;
+    DashboardPreferences dashboardPreferences_;
+    SessionHealthCheck sessionHealth_;
+    QTimer indicatorCollapse_;
 };
 
 } // namespace kavelo

@@ -4,8 +4,13 @@
 #include "app/desktop/CopyObject.h"
 #include "app/desktop/NetworkReachability.h"
 #include "app/desktop/SettingsModel.h"
+#include "app/desktop/SleepWatcher.h"
+#ifdef KAVELO_HAVE_CAPTURE
+#include "app/capture/AudioDeviceListWatcher.h"
+#endif
 
 #include <QFile>
+#include <QPointer>
 #include <QQmlApplicationEngine>
 #include <QQmlContext>
 
@@ -42,6 +47,28 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
     auto* network = new NetworkReachability(this);
     model_->setOnline(network->online());
     connect(network, &NetworkReachability::onlineChanged, model_, &AppModel::setOnline);
+    connect(new SleepWatcher(this), &SleepWatcher::woke, model_, &AppModel::checkSessionHealth);
+#ifdef KAVELO_HAVE_CAPTURE
+    // A headset plugged in or a default changed: the lists follow without a restart.
+    if (env_->recorderKind == "linux") {
+        deviceWatcher_ = AudioDeviceListWatcher::make(env_->clock);
+        QPointer<AppModel> model(model_);
+        const bool heard = deviceWatcher_->start([model] {
+            QMetaObject::invokeMethod(
+                model,
+                [model] {
+                    if (model) {
+                        model->refreshDevices();
+                    }
+                },
+                Qt::QueuedConnection);
+        });
+        if (!heard) {
+            env_->logger->warn(
+                "the audio server sends no device notices; the device lists refresh when opened");
+        }
+    }
+#endif
     auto* context = engine_->rootContext();
     context->setContextProperty(QStringLiteral("settings"), settings_);
     context->setContextProperty(QStringLiteral("app"), model_);
@@ -53,6 +80,10 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
 }
 
 DesktopShell::~DesktopShell() {
+    if (deviceWatcher_) {
+        deviceWatcher_->stop();
+        deviceWatcher_.reset();
+    }
     // The screens go before the objects they bind to.
     engine_.reset();
     // The model's background work uses the environment: it ends before the environment goes.

@@ -13,6 +13,7 @@ class QQmlApplicationEngine;
 namespace kavelo {
 
 class AppModel;
+class AudioDeviceListWatcher;
 class CopyObject;
 class SettingsModel;
 
@@ -40,6 +41,7 @@ class DesktopShell : public QObject {
     AppModel* model_ = nullptr; // owned by this QObject
     CopyObject* copy_ = nullptr;
     SettingsModel* settings_ = nullptr;
+    std::shared_ptr<AudioDeviceListWatcher> deviceWatcher_; // only where real devices are listed
 };
 
 } // namespace kavelo

@@ -24,6 +24,8 @@ ApplicationWindow {
     minimumHeight: 480
     visible: true
     color: Theme.background
+    // Coming back to the window is a moment to see whether the session is still good.
+    onActiveChanged: if (active) app.onAppForeground()
 
     // The Basic controls draw from the palette: hand them the theme so switches, lists and fields match.
     palette.window: Theme.background

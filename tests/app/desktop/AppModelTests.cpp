@@ -65,12 +65,16 @@ class AppModelTest : public ::testing::Test {
     std::unique_ptr<DesktopShell> shell_;
 };
 
-TEST_F(AppModelTest, TheDemoAccountRecordsFromTheDashboardAndTheStopLeavesTheRecordingPhases) {
+TEST_F(AppModelTest, TheDemoAccountRecordsToSuccessAndASignOutForgetsTheAccount) {
     auto& model = shell_->model();
     ASSERT_TRUE(eventually([&] { return model.canStartFromUI() && !model.microphones().isEmpty(); }))
         << "phase " << model.phase().toStdString();
     EXPECT_EQ(model.profile().value("email").toString().toStdString(), shell_->environment().demoEmail);
     EXPECT_FALSE(model.selectedMicrophoneId().isEmpty());
+    // A first sign-in on this computer: no questionnaire for the demo account, the first coach mark waits.
+    ASSERT_TRUE(eventually([&] { return model.educationFirstRecordingPending(); }));
+    EXPECT_EQ(model.onboardingStep(), QStringLiteral("welcome"));
+    EXPECT_FALSE(model.hasRecordedBefore());
     // The program reads its texts from the tables it carries, in the chosen language.
     auto& copy = shell_->copy();
     copy.setLanguage(QStringLiteral("en"));
@@ -84,6 +88,8 @@ TEST_F(AppModelTest, TheDemoAccountRecordsFromTheDashboardAndTheStopLeavesTheRec
         << "phase " << model.phase().toStdString() << ", blocker " << model.startBlocker().toStdString();
     EXPECT_TRUE(model.menuBarShowsRecording());
     EXPECT_FALSE(model.canStartFromUI());
+    EXPECT_TRUE(model.indicatorVisible());
+    EXPECT_FALSE(model.indicatorCollapsed());
     ASSERT_TRUE(eventually([&] { return model.elapsedSeconds() >= 1; }));
 
     model.pauseRecording();
@@ -95,6 +101,33 @@ TEST_F(AppModelTest, TheDemoAccountRecordsFromTheDashboardAndTheStopLeavesTheRec
         return !model.menuBarShowsRecording() && model.phase() != "stopping_native_recorder";
     })) << "phase "
         << model.phase().toStdString();
+    EXPECT_FALSE(model.indicatorVisible());
+    auto& coordinator = *shell_->environment().coordinator;
+    ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("speaker_review"); }));
+    const int revision = model.speakerRevision();
+    coordinator.confirmSpeakers();
+    ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("share_review"); }));
+    EXPECT_GT(model.speakerRevision(), revision);
+    coordinator.submitShare(true);
+    ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("success"); }));
+    EXPECT_EQ(model.successSummary().value("meetingName").toString(), QStringLiteral("Weekstart"));
+    EXPECT_EQ(model.successRecordingId().toStdString(), coordinator.currentRecordingId().value_or("?"));
+    EXPECT_TRUE(model.hasRecordedBefore());
+
+    // Signing out forgets what belonged to the account, and the next account starts clean.
+    model.signOut();
+    ASSERT_TRUE(eventually([&] { return !model.isSignedIn(); }));
+    EXPECT_TRUE(model.profile().isEmpty());
+    EXPECT_TRUE(model.successRecordingId().isEmpty());
+    EXPECT_TRUE(model.meetingName().isEmpty());
+    QString refused;
+    QObject::connect(&model, &AppModel::signInFailed, [&](const QString& kind) { refused = kind; });
+    model.signInWithPassword(QString::fromStdString(shell_->environment().demoEmail), QStringLiteral("fout"));
+    ASSERT_TRUE(eventually([&] { return !refused.isEmpty(); }));
+    EXPECT_EQ(refused, QStringLiteral("invalidCredentials"));
+    model.signInWithPassword(QString::fromStdString(shell_->environment().demoEmail),
+                             QString::fromStdString(shell_->environment().demoPassword));
+    ASSERT_TRUE(eventually([&] { return model.isSignedIn() && model.phase() == QStringLiteral("idle"); }));
 }
 
 } // namespace
