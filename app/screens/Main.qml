@@ -227,8 +227,12 @@ ApplicationWindow {
                 objectName: "dashboardScreen"
                 onOpenSettings: window.show("settings")
             }
-            SettingsScreen {
+            // Built the first time it is opened, then kept: the window shows sooner, and the settings keep
+            // their scroll position when the user goes back and forth.
+            Loader {
                 objectName: "settingsScreen"
+                active: window.section === "settings" || status === Loader.Ready
+                sourceComponent: SettingsScreen {}
             }
         }
     }

@@ -144,12 +144,16 @@ int checkContrast(QObject* theme, const char* themeName) {
     return failures;
 }
 
-// Scrolls the named scroll view to its end, or every scroll view back to the top for an empty name.
+// Scrolls the named scroll view to its end, or every scroll view back to the top for an empty name. A
+// section not opened yet has no scroll view to reset.
 bool scrollTo(QQuickWindow* window, const QString& scrollerName) {
     bool found = true;
     for (const auto* name : {"dashboardScroller", "settingsScroller"}) {
         auto* scroller = window->findChild<QQuickItem*>(QString::fromLatin1(name));
         auto* flickable = scroller ? scroller->property("contentItem").value<QQuickItem*>() : nullptr;
+        if (!flickable && scrollerName != QLatin1String(name)) {
+            continue;
+        }
         if (!flickable) {
             std::fprintf(stderr, "gallery: no scroll view named %s\n", name);
             found = false;
