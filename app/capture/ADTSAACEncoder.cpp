@@ -1,16 +1,9 @@
 #include "app/capture/ADTSAACEncoder.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/channel_layout.h>
-#include <libavutil/frame.h>
-#include <libavutil/log.h>
-#include <libavutil/opt.h>
-}
+#include "app/capture/FFmpegLibrary.h"
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 namespace kavelo {
 
@@ -21,15 +14,15 @@ constexpr std::size_t reservedOutputBytes = 8 * (1024 + ADTSAACEncoder::headerSi
 } // namespace
 
 ADTSAACEncoder::ADTSAACEncoder(Coder coder) {
-    // Closing an encoder that was never flushed makes FFmpeg warn about the frames it still held; that is
-    // how every capture run ends here, so only FFmpeg's errors reach stderr.
-    static std::once_flag quietLibrary;
-    std::call_once(quietLibrary, [] { av_log_set_level(AV_LOG_ERROR); });
-    const AVCodec* codec = avcodec_find_encoder_by_name("aac");
+    av_ = FFmpegLibrary::get();
+    if (av_ == nullptr) {
+        return;
+    }
+    const AVCodec* codec = av_->findEncoderByName("aac");
     if (codec == nullptr) {
         return;
     }
-    AVCodecContext* context = avcodec_alloc_context3(codec);
+    AVCodecContext* context = av_->allocContext(codec);
     if (context == nullptr) {
         return;
     }
@@ -38,24 +31,24 @@ ADTSAACEncoder::ADTSAACEncoder(Coder coder) {
     context->bit_rate = bitRate;
     context->profile = FF_PROFILE_AAC_LOW;
     context->time_base = AVRational{1, sampleRate};
-    av_channel_layout_default(&context->ch_layout, 1);
-    if (av_opt_set(context->priv_data, "aac_coder", coder == Coder::fast ? "fast" : "twoloop", 0) < 0 ||
-        avcodec_open2(context, codec, nullptr) < 0 || context->frame_size != framesPerPacket) {
-        avcodec_free_context(&context);
+    av_->channelLayoutDefault(&context->ch_layout, 1);
+    if (av_->optSet(context->priv_data, "aac_coder", coder == Coder::fast ? "fast" : "twoloop", 0) < 0 ||
+        av_->open(context, codec, nullptr) < 0 || context->frame_size != framesPerPacket) {
+        av_->freeContext(&context);
         return;
     }
-    AVFrame* frame = av_frame_alloc();
-    AVPacket* packet = av_packet_alloc();
+    AVFrame* frame = av_->frameAlloc();
+    AVPacket* packet = av_->packetAlloc();
     if (frame != nullptr) {
         frame->nb_samples = framesPerPacket;
         frame->format = AV_SAMPLE_FMT_FLTP;
         frame->sample_rate = sampleRate;
-        av_channel_layout_copy(&frame->ch_layout, &context->ch_layout);
+        av_->channelLayoutCopy(&frame->ch_layout, &context->ch_layout);
     }
-    if (frame == nullptr || packet == nullptr || av_frame_get_buffer(frame, 0) < 0) {
-        av_frame_free(&frame);
-        av_packet_free(&packet);
-        avcodec_free_context(&context);
+    if (frame == nullptr || packet == nullptr || av_->frameGetBuffer(frame, 0) < 0) {
+        av_->frameFree(&frame);
+        av_->packetFree(&packet);
+        av_->freeContext(&context);
         return;
     }
     context_ = context;
@@ -65,9 +58,12 @@ ADTSAACEncoder::ADTSAACEncoder(Coder coder) {
 }
 
 ADTSAACEncoder::~ADTSAACEncoder() {
-    av_frame_free(&frame_);
-    av_packet_free(&packet_);
-    avcodec_free_context(&context_);
+    if (av_ == nullptr) {
+        return;
+    }
+    av_->frameFree(&frame_);
+    av_->packetFree(&packet_);
+    av_->freeContext(&context_);
 }
 
 void ADTSAACEncoder::encode(const float* samples, std::size_t frameCount) {
@@ -99,16 +95,16 @@ void ADTSAACEncoder::flush() {
     flushed_ = true;
     output_.clear();
     // The encoder takes a short last frame: the recording ends where its audio ends, not a frame later.
-    if (filled_ > 0 && av_frame_make_writable(frame_) >= 0) {
+    if (filled_ > 0 && av_->frameMakeWritable(frame_) >= 0) {
         frame_->nb_samples = filled_;
         frame_->pts = nextPts_;
         nextPts_ += filled_;
-        if (avcodec_send_frame(context_, frame_) == 0) {
+        if (av_->sendFrame(context_, frame_) == 0) {
             drainPackets();
         }
     }
     filled_ = 0;
-    if (avcodec_send_frame(context_, nullptr) == 0) {
+    if (av_->sendFrame(context_, nullptr) == 0) {
         drainPackets();
     }
     if (!output_.empty() && onEncodedData_) {
@@ -119,24 +115,24 @@ void ADTSAACEncoder::flush() {
 void ADTSAACEncoder::encodeFullFrame() {
     filled_ = 0;
     // The encoder may still reference the previous frame's data; make it ours again before the next fill.
-    if (av_frame_make_writable(frame_) < 0) {
+    if (av_->frameMakeWritable(frame_) < 0) {
         return;
     }
     frame_->pts = nextPts_;
     nextPts_ += framesPerPacket;
-    if (avcodec_send_frame(context_, frame_) < 0) {
+    if (av_->sendFrame(context_, frame_) < 0) {
         return;
     }
     drainPackets();
 }
 
 void ADTSAACEncoder::drainPackets() {
-    while (avcodec_receive_packet(context_, packet_) == 0) {
+    while (av_->receivePacket(context_, packet_) == 0) {
         auto size = static_cast<std::size_t>(packet_->size);
         auto header = adtsHeader(size);
         output_.insert(output_.end(), header.begin(), header.end());
         output_.insert(output_.end(), packet_->data, packet_->data + size);
-        av_packet_unref(packet_);
+        av_->packetUnref(packet_);
     }
 }
 

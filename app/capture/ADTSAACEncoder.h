@@ -13,6 +13,8 @@ struct AVPacket;
 
 namespace kavelo {
 
+class FFmpegLibrary;
+
 // Turns 48 kHz mono float samples into AAC-LC at 96 kbit/s, each packet behind a 7-byte ADTS header, so the
 // stream and any cut of it at a frame boundary decodes by itself. This is the recording's wire format: a
 // chunk is a run of these frames and nothing else.
@@ -68,6 +70,7 @@ class ADTSAACEncoder {
     void encodeFullFrame();
     void drainPackets();
 
+    const FFmpegLibrary* av_ = nullptr;
     AVCodecContext* context_ = nullptr;
     AVFrame* frame_ = nullptr;
     AVPacket* packet_ = nullptr;

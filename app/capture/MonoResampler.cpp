@@ -1,22 +1,22 @@
 #include "app/capture/MonoResampler.h"
 
-extern "C" {
-#include <libavutil/channel_layout.h>
-#include <libavutil/opt.h>
-#include <libswresample/swresample.h>
-}
+#include "app/capture/FFmpegLibrary.h"
 
 #include <cstdint>
 
 namespace kavelo {
 
 MonoResampler::MonoResampler(double inputRate, std::size_t maxInputFrames) {
+    av_ = FFmpegLibrary::get();
+    if (av_ == nullptr) {
+        return;
+    }
     AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
     SwrContext* context = nullptr;
-    if (swr_alloc_set_opts2(&context, &mono, AV_SAMPLE_FMT_FLT, 48000, &mono, AV_SAMPLE_FMT_FLT,
-                            static_cast<int>(inputRate + 0.5), 0, nullptr) < 0 ||
-        swr_init(context) < 0) {
-        swr_free(&context);
+    if (av_->swrAllocSetOpts(&context, &mono, AV_SAMPLE_FMT_FLT, 48000, &mono, AV_SAMPLE_FMT_FLT,
+                             static_cast<int>(inputRate + 0.5), 0, nullptr) < 0 ||
+        av_->swrInit(context) < 0) {
+        av_->swrFree(&context);
         return;
     }
     context_ = context;
@@ -24,7 +24,9 @@ MonoResampler::MonoResampler(double inputRate, std::size_t maxInputFrames) {
 }
 
 MonoResampler::~MonoResampler() {
-    swr_free(&context_);
+    if (context_ != nullptr) {
+        av_->swrFree(&context_);
+    }
 }
 
 std::size_t MonoResampler::convert(const float* input, std::size_t frames) {
@@ -34,7 +36,7 @@ std::size_t MonoResampler::convert(const float* input, std::size_t frames) {
     auto* out = reinterpret_cast<std::uint8_t*>(output_.data());
     const auto* in = reinterpret_cast<const std::uint8_t*>(input);
     int produced =
-        swr_convert(context_, &out, static_cast<int>(output_.size()), &in, static_cast<int>(frames));
+        av_->swrConvert(context_, &out, static_cast<int>(output_.size()), &in, static_cast<int>(frames));
     return produced > 0 ? static_cast<std::size_t>(produced) : 0;
 }
 

@@ -7,6 +7,8 @@ struct SwrContext;
 
 namespace kavelo {
 
+class FFmpegLibrary;
+
 // Converts a mono float stream from one rate to 48 kHz, keeping its filter state between calls (one per
 // stream: microphone and system each have their own). Output memory is allocated once, for the largest
 // input the caller announces.
@@ -24,6 +26,7 @@ class MonoResampler {
     [[nodiscard]] const float* output() const { return output_.data(); }
 
   private:
+    const FFmpegLibrary* av_ = nullptr;
     SwrContext* context_ = nullptr;
     std::vector<float> output_;
 };
