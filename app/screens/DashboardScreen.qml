@@ -22,6 +22,9 @@ Item {
     readonly property string updateState: app.updateStatus.state !== undefined ? app.updateStatus.state : "unknown"
     property string lastError: ""
     property bool tipsJustHidden: false
+    // One step through the tips each time the dashboard appears, so a returning user sees another one.
+    readonly property int tipCursor: app.nextTipCursor()
+    readonly property var tip: app.tips.length > 0 ? app.tips[tipCursor % app.tips.length] : null
 
     // Inside a text field "copy" names the field's own clipboard method; its texts come through here.
     function label(key) { return copy.text(key) }
@@ -407,7 +410,7 @@ Item {
                 }
                 Text {
                     width: parent.width
-                    text: app.tips.length > 0 ? (app.tips[0].title ? app.tips[0].title : "") : ""
+                    text: screen.tip && screen.tip.title ? screen.tip.title : ""
                     visible: text.length > 0
                     wrapMode: Text.Wrap
                     font.pixelSize: Theme.fontBody
@@ -416,7 +419,7 @@ Item {
                 }
                 Text {
                     width: parent.width
-                    text: app.tips.length > 0 ? (app.tips[0].body ? app.tips[0].body : "") : ""
+                    text: screen.tip && screen.tip.body ? screen.tip.body : ""
                     wrapMode: Text.Wrap
                     maximumLineCount: 5
                     elide: Text.ElideRight
