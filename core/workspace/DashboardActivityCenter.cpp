@@ -12,6 +12,10 @@ namespace kavelo {
 
 namespace {
 
+TimePoint toStoredPrecision(TimePoint date) {
+    return std::chrono::floor<std::chrono::milliseconds>(date);
+}
+
 TimePoint recencyKey(const DashboardActivityItem& item) {
     return item.deliveredAt ? *item.deliveredAt : item.submittedAt;
 }
@@ -84,6 +88,14 @@ std::vector<DashboardActivityItem> DashboardActivityCenter::items(const std::str
 std::vector<DashboardActivityItem>
 DashboardActivityCenter::writeLocked(const std::string& userId, std::vector<DashboardActivityItem> items) {
     auto kept = retain(std::move(items));
+    // The file keeps milliseconds; the caller gets the list exactly as the next read will give it.
+    for (auto& item : kept) {
+        item.submittedAt = toStoredPrecision(item.submittedAt);
+        item.updatedAt = toStoredPrecision(item.updatedAt);
+        if (item.deliveredAt) {
+            item.deliveredAt = toStoredPrecision(*item.deliveredAt);
+        }
+    }
     try {
         createPrivateDirectories(directory_);
     } catch (const std::exception&) {

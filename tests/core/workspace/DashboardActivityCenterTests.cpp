@@ -269,7 +269,9 @@ TEST_F(DashboardActivityCenterTest, AQueueDuringTheNetworkCallsIsNotLost) {
     provider.say("m1", RecordingStatusPhase::generating);
     // The provider queues while it is being asked: this would deadlock if the lock were held here.
     provider.duringFetch = [this](const std::string&) { center.queue("u1", "rec-2", std::nullopt, "Retro"); };
+    clock->advance(0.0123456); // finer than the file keeps: what refresh returns is still what it stored
     auto items = center.refresh("u1", provider);
+    EXPECT_EQ(items, center.items("u1"));
     ASSERT_EQ(items.size(), 2u);
     EXPECT_EQ(items[1].recordingId, "rec-1");
     EXPECT_EQ(items[1].phase, DashboardActivityPhase::generating);
