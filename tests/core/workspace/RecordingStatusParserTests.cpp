@@ -61,22 +61,7 @@ TEST(RecordingStatusParserTest, FindsTheRowWhateverTheShapeOfTheAnswer) {
     EXPECT_FALSE(parseText("null"));
 }
 
-TEST(RecordingStatusParserTest, MapsEveryPhaseWordAndLetsTheMostAdvancedRowWin) {
-    const std::pair<const char*, RecordingStatusPhase> words[] = {
-        {"recording", RecordingStatusPhase::recording},
-        {"processing", RecordingStatusPhase::transcribing},
-        {"transcribing", RecordingStatusPhase::transcribing},
-        {"completed", RecordingStatusPhase::generating},
-        {"emailing", RecordingStatusPhase::generating},
-        {"generating", RecordingStatusPhase::generating},
-        {"delivered", RecordingStatusPhase::delivered},
-        {"emailed", RecordingStatusPhase::delivered},
-        {"sent", RecordingStatusPhase::delivered},
-        {"failed", RecordingStatusPhase::failed},
-        {"permanent_failed", RecordingStatusPhase::failed}};
-    for (const auto& [word, phase] : words) {
-        EXPECT_EQ(RecordingStatusParser::phaseFromText(word), phase) << word;
-    }
+TEST(RecordingStatusParserTest, ReadsPhaseWordsLooselyAndLetsTheMostAdvancedRowWin) {
     EXPECT_EQ(RecordingStatusParser::phaseFromText("\tSENT\n"), RecordingStatusPhase::delivered);
     EXPECT_FALSE(RecordingStatusParser::phaseFromText("sent later"));
 
