@@ -10,9 +10,11 @@
 #include <deque>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <thread>
 #include <unistd.h>
 
 using namespace kavelo;
@@ -267,10 +269,23 @@ TEST_F(DashboardActivityCenterTest, SlowCountsOnlyOnceAnItemIsTenMinutesOld) {
 TEST_F(DashboardActivityCenterTest, AQueueDuringTheNetworkCallsIsNotLost) {
     center.queue("u1", "rec-1", "m1", "Weekstart");
     provider.say("m1", RecordingStatusPhase::generating);
-    // The provider queues while it is being asked: this would deadlock if the lock were held here.
-    provider.duringFetch = [this](const std::string&) { center.queue("u1", "rec-2", std::nullopt, "Retro"); };
+    // While the poll waits for the backend, another thread queues a recording. Were the lock held across
+    // the call, that queue could not finish and the poll would give up waiting.
+    std::promise<void> queued;
+    auto queuedDone = queued.get_future();
+    std::future_status waited = std::future_status::deferred;
+    std::thread other;
+    provider.duringFetch = [&](const std::string&) {
+        other = std::thread([&] {
+            center.queue("u1", "rec-2", std::nullopt, "Retro");
+            queued.set_value();
+        });
+        waited = queuedDone.wait_for(std::chrono::seconds(10)); // a rendezvous, not a delay
+    };
     clock->advance(0.0123456); // finer than the file keeps: what refresh returns is still what it stored
     auto items = center.refresh("u1", provider);
+    other.join();
+    EXPECT_EQ(waited, std::future_status::ready);
     EXPECT_EQ(items, center.items("u1"));
     ASSERT_EQ(items.size(), 2u);
     EXPECT_EQ(items[1].recordingId, "rec-1");
