@@ -10,6 +10,7 @@
 #include "core/mock/MockAuthService.h"
 #include "core/mock/MockRecorder.h"
 #include "core/mock/MockRecordingAPI.h"
+#include "core/mock/MockRecordingStatusProvider.h"
 #include "core/mock/MockSignedURLProvider.h"
 #include "core/mock/MockUploadHTTPClient.h"
 #include "core/recording/FileRecoveryStore.h"
@@ -19,6 +20,7 @@
 #include "core/support/SystemClock.h"
 #include "core/transport/LiveSignedURLProvider.h"
 #include "core/transport/LiveUploadWorker.h"
+#include "core/workspace/LiveRecordingStatusProvider.h"
 
 #if KAVELO_HAVE_CAPTURE
 #include "app/capture/LinuxCapture.h"
@@ -134,6 +136,8 @@ AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
     recoveryStore = std::make_shared<FileRecoveryStore>(config.applicationSupportDirectory);
     diagnostics = std::make_shared<DiagnosticsCollector>(clock, config.platform, config.appVersion);
     diagnostics->setSink([sink](LogLevel level, const std::string& message) { sink(level, "rec", message); });
+    dashboardActivity = std::make_shared<DashboardActivityCenter>(config.applicationSupportDirectory,
+                                                                  [clock = clock] { return clock->now(); });
 
     // 6-8. The world.
     if (usesMockServices) {
@@ -194,6 +198,8 @@ AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
 
 void AppEnvironment::buildMockWorld(const Options& options) {
     mockBackend = std::make_shared<MockBackend>(clock);
+    recordingStatusProvider =
+        std::make_shared<MockRecordingStatusProvider>(mockBackend, mockTranscribeWindow, mockGenerateWindow);
     if (const auto delay = parseSeconds(options.env("KAVELO_MOCK_MAPPING_DELAY"))) {
         mockBackend->setMappingDelay(*delay);
     }
@@ -236,6 +242,7 @@ void AppEnvironment::buildLiveWorld(const Options& options) {
     rest = std::make_shared<SupabaseRestClient>(config, http, sessionManager);
     authService = std::make_shared<LiveAuthService>(config, http, functions, clock);
     recordingAPI = std::make_shared<LiveRecordingAPI>(functions, rest);
+    recordingStatusProvider = std::make_shared<LiveRecordingStatusProvider>(rest);
     auto urls = std::make_shared<LiveSignedURLProvider>(config, http);
     std::shared_ptr<UploadWorker> worker =
         LiveUploadWorker::create(chunkStore, http, urls, clock, logger, uploadWorkerConfig());

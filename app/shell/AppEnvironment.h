@@ -23,6 +23,8 @@
 #include "core/support/KeyValueStore.h"
 #include "core/transport/ChunkStore.h"
 #include "core/transport/UploadWorker.h"
+#include "core/workspace/DashboardActivityCenter.h"
+#include "core/workspace/RecordingStatusProviding.h"
 
 #include <functional>
 #include <memory>
@@ -94,6 +96,8 @@ class AppEnvironment {
     std::shared_ptr<FinalizeService> finalizeService;
     std::shared_ptr<DiagnosticsCollector> diagnostics;
     std::shared_ptr<RecordingCoordinator> coordinator;
+    std::shared_ptr<DashboardActivityCenter> dashboardActivity;
+    std::shared_ptr<RecordingStatusProviding> recordingStatusProvider;
     std::shared_ptr<MockBackend> mockBackend; // only with mock services
 
     // The values fixed for every world.
@@ -101,6 +105,9 @@ class AppEnvironment {
     static SpeakerMappingService::Config mappingConfig();
     static FinalizeService::Config finalizeConfig();
     static RecordingCoordinator::Timings coordinatorTimings();
+    // Seconds a submitted recording spends transcribing, then generating, in the mock world.
+    static constexpr double mockTranscribeWindow = 8.0;
+    static constexpr double mockGenerateWindow = 10.0;
 
   private:
     AppEnvironment(Mode mode, Options options, InfoDictionary info);

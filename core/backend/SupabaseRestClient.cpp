@@ -95,14 +95,16 @@ std::string SupabaseRestClient::tableURL(const std::string& table, const Filters
 }
 
 Bytes SupabaseRestClient::select(const std::string& table, const std::string& columns, const Filters& filters,
-                                 std::optional<int> limit) const {
+                                 std::optional<int> limit, std::size_t maxResponseBytes) const {
     std::vector<std::pair<std::string, std::string>> items{{"select", columns}};
     items.insert(items.end(), filters.begin(), filters.end());
     if (limit) {
         items.emplace_back("limit", std::to_string(*limit));
     }
     std::string url = withQuery(config_.supabaseUrl + "/rest/v1/" + PercentEncoding::path(table), items);
-    return run(makeRequest(std::move(url), "GET", headers(), std::nullopt, kRestTimeout));
+    HTTPRequest request = makeRequest(std::move(url), "GET", headers(), std::nullopt, kRestTimeout);
+    request.maxResponseBytes = maxResponseBytes;
+    return run(std::move(request));
 }
 
 Bytes SupabaseRestClient::insert(const std::string& table, const Json& values) const {
@@ -123,9 +125,12 @@ void SupabaseRestClient::deleteRows(const std::string& table, const Filters& fil
     run(makeRequest(tableURL(table, filters), "DELETE", headers(), std::nullopt, kRestTimeout));
 }
 
-Bytes SupabaseRestClient::rpc(const std::string& name, const Bytes& body) const {
-    return run(makeRequest(config_.supabaseUrl + "/rest/v1/rpc/" + PercentEncoding::path(name), "POST",
-                           headers(), body, kRestTimeout));
+Bytes SupabaseRestClient::rpc(const std::string& name, const Bytes& body,
+                              std::size_t maxResponseBytes) const {
+    HTTPRequest request = makeRequest(config_.supabaseUrl + "/rest/v1/rpc/" + PercentEncoding::path(name),
+                                      "POST", headers(), body, kRestTimeout);
+    request.maxResponseBytes = maxResponseBytes;
+    return run(std::move(request));
 }
 
 std::string SupabaseRestClient::uploadStorageObject(const std::string& bucket, const std::string& path,

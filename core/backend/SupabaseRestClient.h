@@ -6,6 +6,7 @@
 #include "core/support/AppConfig.h"
 #include "core/support/CoreJSON.h"
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
@@ -27,13 +28,15 @@ class SupabaseRestClient {
     SupabaseRestClient(AppConfig config, std::shared_ptr<HTTPClient> http,
                        std::shared_ptr<AccessTokenProvider> tokenProvider);
 
+    // maxResponseBytes: a larger answer fails as a TransportError while it downloads; 0 leaves the
+    // transport's own limit.
     Bytes select(const std::string& table, const std::string& columns, const Filters& filters = {},
-                 std::optional<int> limit = std::nullopt) const;
+                 std::optional<int> limit = std::nullopt, std::size_t maxResponseBytes = 0) const;
     // values: a JSON object or array.
     Bytes insert(const std::string& table, const Json& values) const;
     Bytes patch(const std::string& table, const Filters& filters, const Json& values) const;
     void deleteRows(const std::string& table, const Filters& filters) const;
-    Bytes rpc(const std::string& name, const Bytes& body) const;
+    Bytes rpc(const std::string& name, const Bytes& body, std::size_t maxResponseBytes = 0) const;
     // Stores (or replaces) an object and returns its public URL.
     std::string uploadStorageObject(const std::string& bucket, const std::string& path, const Bytes& data,
                                     const std::string& contentType) const;

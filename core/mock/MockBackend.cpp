@@ -118,6 +118,16 @@ std::optional<std::string> MockBackend::meetingId(const std::string& recordingId
     return found->meetingId;
 }
 
+std::optional<std::string> MockBackend::recordingIdForMeeting(const std::string& meetingId) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& [recordingId, entry] : meetings_) {
+        if (entry.meetingId == meetingId) {
+            return recordingId;
+        }
+    }
+    return std::nullopt;
+}
+
 MeetingMappingRow MockBackend::mappingRow(const std::string& meetingId) const {
     std::lock_guard lock(mutex_);
     for (const auto& [recordingId, entry] : meetings_) {

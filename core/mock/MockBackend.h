@@ -75,6 +75,8 @@ class MockBackend : public std::enable_shared_from_this<MockBackend> {
 
     [[nodiscard]] std::optional<Meeting> meeting(const std::string& recordingId) const;
     [[nodiscard]] std::optional<std::string> meetingId(const std::string& recordingId) const;
+    // The recording whose meeting has that id; absent for an unknown meeting.
+    [[nodiscard]] std::optional<std::string> recordingIdForMeeting(const std::string& meetingId) const;
     // The mapping state of the meeting with that id; empty for an unknown meeting.
     [[nodiscard]] MeetingMappingRow mappingRow(const std::string& meetingId) const;
 

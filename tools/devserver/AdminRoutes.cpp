@@ -43,7 +43,8 @@ Json settingsJson(DevServerContext& ctx) {
                 {"meeting_row_delay", pipeline.meetingRowDelay},
                 {"mapping_delay", pipeline.mappingDelay},
                 {"mapping_names", pipeline.mappingNames},
-                {"mapping_outcome", pipeline.mappingOutcome}};
+                {"mapping_outcome", pipeline.mappingOutcome},
+                {"status_step_seconds", pipeline.statusStep}};
 }
 
 void changeSettings(DevServerContext& ctx, const Json& body) {
@@ -63,6 +64,9 @@ void changeSettings(DevServerContext& ctx, const Json& body) {
     }
     if (auto v = seconds("mapping_delay")) {
         pipeline.mappingDelay = *v;
+    }
+    if (auto v = seconds("status_step_seconds")) {
+        pipeline.statusStep = *v;
     }
     if (auto it = body.find("mapping_names"); it != body.end()) {
         pipeline.mappingNames = it->get<std::vector<std::string>>();

@@ -75,6 +75,8 @@ DevServerOptions DevServerOptions::parse(const std::vector<std::string>& args) {
             options.pipeline.meetingRowDelay = toSeconds(arg, value());
         } else if (arg == "--mapping-delay") {
             options.pipeline.mappingDelay = toSeconds(arg, value());
+        } else if (arg == "--status-step-seconds") {
+            options.pipeline.statusStep = toSeconds(arg, value());
         } else if (arg == "--mapping-names") {
             options.pipeline.mappingNames = splitNames(value());
         } else if (arg == "--mapping-outcome") {
@@ -165,6 +167,8 @@ Options:
   --mapping-delay S              seconds from the mapping trigger to its result (default 1)
   --mapping-names A,B            the participants that mapping finds (default two sample names)
   --mapping-outcome STATUS       done, skipped or failed: the status mapping ends with (default done)
+  --status-step-seconds S        seconds a finalized recording reads as processing, then as completed,
+                                 before it reads as sent (default 5)
   --require-email-confirmation   sign-ups wait for a confirmation mail instead of signing in at once
   --profiles-without-job-title   the older profiles table, without job_title and company
   --oauth-callback-url URL       where the pretend provider sends the browser (default kavely://auth-callback)
@@ -198,6 +202,7 @@ Served routes:
   POST storage/v1/object/<bucket>/<path>                          (apikey and bearer; x-upsert true overwrites)
   GET  rest/v1/{meetings, profiles}  PATCH rest/v1/profiles       (select, order, limit; filters eq, neq, gt,
                                                                   gte, lt, lte, like, ilike, in, is, not.)
+  POST rest/v1/rpc/get_recording_status {"p_meeting_id"}          (the caller's meeting: [] or one row)
   POST auth/v1/token?grant_type={password, refresh_token}, auth/v1/signup, auth/v1/logout
   GET/PUT auth/v1/user   GET auth/v1/authorize (the pretend provider's consent)
 
@@ -212,7 +217,8 @@ Admin API (no credentials; loopback only):
   POST /__admin/oauth/identity {"provider","email","full_name"}
   POST /__admin/signed-urls/revoke
   GET|POST /__admin/settings     {"access_token_lifetime","signed_url_lifetime","meeting_row_delay",
-                                  "mapping_delay","mapping_names","mapping_outcome"}
+                                  "mapping_delay","mapping_names","mapping_outcome",
+                                  "status_step_seconds"}
   GET|DELETE /__admin/requests[?route=R]   the log of handled requests (route, method, path, status)
                                             and the most requests per route at once (peak_in_flight)
 )";

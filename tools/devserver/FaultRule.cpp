@@ -75,6 +75,7 @@ const std::vector<std::string>& FaultRule::knownRoutes() {
                                                     "confirm-account-link",
                                                     "rest-meetings",
                                                     "rest-profiles",
+                                                    "rest-recording-status",
                                                     "auth-token",
                                                     "auth-signup",
                                                     "auth-logout",

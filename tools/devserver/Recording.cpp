@@ -52,6 +52,27 @@ Json Recording::meetingRow(TimePoint now) const {
                 {"status", finalizeRequests.empty() ? "recording" : "queued"}};
 }
 
+Json Recording::statusRow(TimePoint now, double step) const {
+    Json row{{"meeting_id", meetingId}, {"phase", "recording"}, {"delivered_at", nullptr}};
+    if (!finalizedAt) {
+        return row;
+    }
+    const double elapsed = secondsBetween(*finalizedAt, now);
+    if (elapsed < step) {
+        row["phase"] = "processing";
+    } else if (elapsed < 2 * step) {
+        row["phase"] = "completed";
+    } else {
+        row["phase"] = "sent";
+        row["delivered_at"] = CoreJSON::formatDate(addSeconds(*finalizedAt, 2 * step));
+        const Json& first = finalizeRequests.empty() ? Json() : finalizeRequests.front();
+        auto recipients = first.is_object() ? first.find("recipients") : first.end();
+        row["recipient_count"] =
+            first.is_object() && recipients != first.end() && recipients->is_array() ? recipients->size() : 0;
+    }
+    return row;
+}
+
 Json Recording::toJson() const {
     Json json{{"id", id},
               {"secret", secret},
@@ -73,6 +94,7 @@ Json Recording::toJson() const {
               {"mapping_result_status", mappingResultStatus},
               {"mapping_result_names", mappingResultNames},
               {"finalize_requests", finalizeRequests},
+              {"finalized_at", finalizedAt ? Json(epochSeconds(*finalizedAt)) : Json(nullptr)},
               {"finalize_keys", finalizeKeys},
               {"finalize_repeats", finalizeRepeats},
               {"diagnostic_syncs", diagnosticSyncs}};
@@ -104,6 +126,9 @@ Recording Recording::fromJson(const Json& json) {
     r.mappingResultNames = json.value("mapping_result_names", std::vector<std::string>{});
     r.finalizeRequests = json.value("finalize_requests", std::vector<Json>{});
     r.finalizeKeys = json.value("finalize_keys", std::vector<std::string>{});
+    if (auto at = json.find("finalized_at"); at != json.end() && at->is_number()) {
+        r.finalizedAt = fromEpochSeconds(at->get<double>());
+    }
     r.finalizeRepeats = json.value("finalize_repeats", 0);
     r.diagnosticSyncs = json.value("diagnostic_syncs", std::vector<Json>{});
     return r;

@@ -35,6 +35,7 @@ struct Recording {
     std::vector<std::string> mappingResultNames;
 
     std::vector<Json> finalizeRequests;
+    std::optional<TimePoint> finalizedAt;  // when the first report request came
     std::vector<std::string> finalizeKeys; // the idempotency keys of finalizeRequests, where one came
     int finalizeRepeats = 0;               // requests answered again under a key already taken
     std::vector<Json> diagnosticSyncs;
@@ -46,6 +47,9 @@ struct Recording {
     [[nodiscard]] std::optional<std::string> mappingStatusAt(TimePoint now) const;
     // The `meetings` row as the table shows it at `now`.
     [[nodiscard]] Json meetingRow(TimePoint now) const;
+    // The pipeline's progress as get_recording_status reports it at `now`: recording until finalized,
+    // then processing, completed and sent, each after `step` seconds.
+    [[nodiscard]] Json statusRow(TimePoint now, double step) const;
 
     [[nodiscard]] Json toJson() const;
     static Recording fromJson(const Json& json); // throws Json::exception on a malformed state file

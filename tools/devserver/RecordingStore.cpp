@@ -182,6 +182,9 @@ RecordingStore::FinalizeBooking RecordingStore::addFinalizeRequest(const std::st
     }
     const bool first = recording.finalizeRequests.empty();
     recording.finalizeRequests.push_back(payload);
+    if (first) {
+        recording.finalizedAt = clock_->now();
+    }
     if (!idempotencyKey.empty()) {
         recording.finalizeKeys.push_back(idempotencyKey);
     }
@@ -198,6 +201,18 @@ bool RecordingStore::addDiagnosticSync(const std::string& id, const Json& payloa
     it->second.diagnosticSyncs.push_back(payload);
     persist(lock);
     return true;
+}
+
+Json RecordingStore::recordingStatus(const std::string& meetingId, const std::string& userId) const {
+    auto now = clock_->now();
+    std::lock_guard lock(mutex_);
+    for (const auto& [id, recording] : recordings_) {
+        if (recording.meetingId == meetingId && recording.userId == userId &&
+            now >= recording.meetingVisibleAt) {
+            return Json::array({recording.statusRow(now, settings_.statusStep)});
+        }
+    }
+    return Json::array();
 }
 
 PipelineSettings RecordingStore::settings() const {

@@ -21,6 +21,8 @@ struct PipelineSettings {
     double mappingDelay = 1.0;    // seconds from the mapping trigger until its result shows in the row
     std::vector<std::string> mappingNames = {"Anna de Vries", "Bram Jansen"};
     std::string mappingOutcome = "done"; // "done", "skipped" or "failed": the status mapping ends with
+    // Seconds a finalized recording spends processing, then completed, before it reads as sent.
+    double statusStep = 5.0;
 
     bool operator==(const PipelineSettings&) const = default;
 };
@@ -63,6 +65,9 @@ class RecordingStore {
     FinalizeBooking addFinalizeRequest(const std::string& id, const Json& payload,
                                        const std::string& idempotencyKey);
     bool addDiagnosticSync(const std::string& id, const Json& payload);
+    // The get_recording_status rows of a meeting of the given user: one row, or none for a meeting that
+    // does not exist (yet) or belongs to someone else.
+    [[nodiscard]] Json recordingStatus(const std::string& meetingId, const std::string& userId) const;
 
     [[nodiscard]] PipelineSettings settings() const;
     void setSettings(const PipelineSettings& settings);

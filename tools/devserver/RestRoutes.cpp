@@ -101,6 +101,26 @@ void RestRoutes::install(httplib::Server& server, DevServerContext& ctx) {
                        auto rows = ownRows(ctx.recordings.meetingRows(), caller);
                        HttpReply::json(res, 200, query.select(rows, "meetings", meetingColumns()));
                    })));
+    // get_recording_status(p_meeting_id): the pipeline's progress on one of the caller's meetings.
+    server.Post("/rest/v1/rpc/get_recording_status",
+                ctx.runner.wrap("rest-recording-status", [&ctx](const Req& req, Res& res) {
+                    auto caller = ctx.callers.identify(req, res, false);
+                    if (!caller) {
+                        return;
+                    }
+                    const auto body = HttpReply::objectBody(req);
+                    const Json meeting = body ? body->value("p_meeting_id", Json()) : Json();
+                    if (!meeting.is_string()) {
+                        postgrestError(res, 400, "PGRST202",
+                                       "Could not find the function public.get_recording_status without "
+                                       "parameter p_meeting_id in the schema cache");
+                        return;
+                    }
+                    HttpReply::json(res, 200,
+                                    caller->user ? ctx.recordings.recordingStatus(meeting.get<std::string>(),
+                                                                                  caller->user->id)
+                                                 : Json::array());
+                }));
     server.Get("/rest/v1/profiles",
                ctx.runner.wrap(
                    "rest-profiles",

@@ -114,3 +114,60 @@ TEST_F(TimedBehaviourTest, AccessTokensAndSignedUrlsExpireAfterTheirLifetimes) {
 }
 
 } // namespace
+
+TEST_F(TimedBehaviourTest, RecordingStatusStepsFromProcessingToSentAfterFinalize) {
+    auto session = client_->signIn("anna@example.test", "geheim123");
+    auto h = client_->gateway(session["access_token"].get<std::string>());
+    auto id = client_
+                  ->post("/functions/v1/init-recording",
+                         Json{{"user_id", session["user"]["id"]},
+                              {"user_email", "anna@example.test"},
+                              {"user_name", "Anna"},
+                              {"source", "linux"},
+                              {"app_version", "1"},
+                              {"language", "nl"}},
+                         h)
+                  .json()["recording_id"]
+                  .get<std::string>();
+    auto uploadHeaders = h;
+    uploadHeaders.emplace("x-upsert", "true");
+    ASSERT_EQ(
+        client_->postRaw("/storage/v1/object/recordings/" + id + "/chunks/00001.aac", "aac", uploadHeaders)
+            .status,
+        200);
+    clock_->advance(5); // the meetings row appears
+    auto meetingId = client_->get("/rest/v1/meetings?select=id&recording_id=eq." + id, h).json()[0]["id"];
+    auto status = [&] {
+        return client_->post("/rest/v1/rpc/get_recording_status", Json{{"p_meeting_id", meetingId}}, h)
+            .json();
+    };
+    EXPECT_EQ(status()[0]["phase"], "recording");
+    EXPECT_EQ(client_->post("/rest/v1/rpc/get_recording_status", Json{{"meeting_id", meetingId}}, h).status,
+              400);
+    EXPECT_EQ(client_->post("/rest/v1/rpc/get_recording_status", Json{{"p_meeting_id", "no-such-meeting"}}, h)
+                  .json(),
+              Json::array());
+
+    const auto finalizedAt = clock_->now();
+    ASSERT_EQ(client_
+                  ->post("/functions/v1/finalize-recording",
+                         Json{{"recording_id", id},
+                              {"user_id", session["user"]["id"]},
+                              {"user_email", "anna@example.test"},
+                              {"recipients", Json::array({Json{{"email", "bram@example.test"}}})}},
+                         h)
+                  .status,
+              200);
+    EXPECT_EQ(status()[0]["phase"], "processing");
+    clock_->advance(4.9);
+    EXPECT_EQ(status()[0]["phase"], "processing");
+    clock_->advance(0.1);
+    EXPECT_EQ(status()[0]["phase"], "completed");
+    EXPECT_TRUE(status()[0]["delivered_at"].is_null());
+    clock_->advance(5);
+    auto sent = status();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0]["phase"], "sent");
+    EXPECT_EQ(sent[0]["recipient_count"], 1);
+    EXPECT_EQ(sent[0]["delivered_at"], CoreJSON::formatDate(finalizedAt + std::chrono::seconds(10)));
+}
