@@ -23,6 +23,10 @@
 #include "core/support/KeyValueStore.h"
 #include "core/transport/ChunkStore.h"
 #include "core/transport/UploadWorker.h"
+#include "core/workspace/FeatureFlagService.h"
+#include "core/workspace/RecentsStore.h"
+#include "core/workspace/TipsService.h"
+#include "core/workspace/UpdateService.h"
 
 #include <functional>
 #include <memory>
@@ -95,6 +99,12 @@ class AppEnvironment {
     std::shared_ptr<DiagnosticsCollector> diagnostics;
     std::shared_ptr<RecordingCoordinator> coordinator;
     std::shared_ptr<MockBackend> mockBackend; // only with mock services
+    std::shared_ptr<UpdateService> updateService;
+    std::shared_ptr<TipsService> tipsService;
+    std::shared_ptr<FeatureFlagService> featureFlagService; // no backend: the flags stay as cached or default
+    std::shared_ptr<RecentsStore> recentsStore;
+    // Where the live world reads its update policy; empty in the mock world.
+    std::string updatePolicyUrl;
 
     // The values fixed for every world.
     static UploadWorker::Config uploadWorkerConfig();
@@ -106,6 +116,7 @@ class AppEnvironment {
     AppEnvironment(Mode mode, Options options, InfoDictionary info);
     void buildMockWorld(const Options& options);
     void buildLiveWorld(const Options& options);
+    void buildWorkspaceServices(const InfoDictionary& info, const LogSink& sink);
     void wireSession();
 
     std::shared_ptr<SessionStore> sessionStore_;
