@@ -1,6 +1,7 @@
 #include "app/shell/AppEnvironment.h"
 
 #include "app/shell/EnvironmentSettings.h"
+#include "app/shell/KaveloCopy.h"
 #include "app/shell/SecretServiceSessionStore.h"
 #include "core/accounts/FileSessionStore.h"
 #include "core/accounts/InMemorySessionStore.h"
@@ -266,7 +267,7 @@ void AppEnvironment::buildWorkspaceServices(const InfoDictionary& info, const Lo
     std::weak_ptr<KeyValueStore> weakStore = keyValueStore;
     auto language = [weakStore]() -> std::string {
         const auto store = weakStore.lock();
-        return store ? store->string("kavelo_app_language").value_or("nl") : "nl";
+        return store ? store->string(std::string(KaveloCopy::kLanguageKey)).value_or("nl") : "nl";
     };
     std::shared_ptr<UpdateBackend> updates;
     std::shared_ptr<TipsBackend> tips;

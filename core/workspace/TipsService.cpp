@@ -48,13 +48,13 @@ std::optional<TipsResponse> TipsService::loadTips() {
     try {
         TipsResponse response = backend_->fetch();
         store_->setData(CoreJSON::encodeBytes(response.toJson()), kCacheKey);
-        emit("get-tips ok: segment=" + response.segment.value_or("-") +
+        sendEvent("get-tips ok: segment=" + response.segment.value_or("-") +
              " tips=" + std::to_string(response.tips.size()) + " meetingCount=" +
              (response.meetingCount ? std::to_string(*response.meetingCount) : std::string("-")));
         return response;
     } catch (const std::exception& error) {
         auto cached = cachedResponse();
-        emit(std::string("get-tips faalde (") + error.what() +
+        sendEvent(std::string("get-tips faalde (") + error.what() +
              ") — cache: " + (cached ? std::to_string(cached->tips.size()) + " tips" : std::string("leeg")));
         return cached;
     }
@@ -96,7 +96,7 @@ std::vector<DashboardTip> TipsService::visibleTips(std::vector<DashboardTip> tip
     return window;
 }
 
-void TipsService::emit(const std::string& text) const {
+void TipsService::sendEvent(const std::string& text) const {
     EventSink sink;
     {
         std::lock_guard lock(mutex_);

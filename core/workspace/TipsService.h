@@ -45,7 +45,7 @@ class TipsService {
                                           std::optional<std::size_t> randomStart = std::nullopt);
 
   private:
-    void emit(const std::string& text) const;
+    void sendEvent(const std::string& text) const;
 
     const std::shared_ptr<TipsBackend> backend_;
     const std::shared_ptr<KeyValueStore> store_;
