@@ -97,7 +97,7 @@ TEST(EnvironmentSettings, TheUpdatePolicyLivesBesideTheFeedOrElseAtTheBackendsHo
     const auto policyFor = [&](const Json& object) {
         return EnvironmentSettings::updatePolicyUrl(info(object), backend);
     };
-    EXPECT_EQ(policyFor({{"SUFeedURL", "https://dl.example.org/linux/appcast.xml?channel=beta"}}),
+    EXPECT_EQ(policyFor({{"SUFeedURL", "https://dl.example.org/linux/feed.xml?channel=beta"}}),
               "https://dl.example.org/linux/update-policy.json");
     EXPECT_EQ(policyFor({{"SUFeedURL", "https://dl.example.org/feed/"}}),
               "https://dl.example.org/update-policy.json");
@@ -106,7 +106,7 @@ TEST(EnvironmentSettings, TheUpdatePolicyLivesBesideTheFeedOrElseAtTheBackendsHo
     // No feed, an unexpanded build variable, or a value without a scheme: the backend's host answers.
     for (const Json& object :
          {Json::object(), Json{{"SUFeedURL", "$(SU_FEED_URL)"}},
-          Json{{"SUFeedURL", "dl.example.org/appcast.xml"}}, Json{{"SUFeedURL", "https://"}}}) {
+          Json{{"SUFeedURL", "dl.example.org/feed.xml"}}, Json{{"SUFeedURL", "https://"}}}) {
         EXPECT_EQ(policyFor(object), "https://api.example.org/update-policy.json") << object.dump();
     }
 }
