@@ -1,6 +1,7 @@
 #include "app/shell/AppEnvironment.h"
 
 #include "app/shell/EnvironmentSettings.h"
+#include "app/shell/KaveloCopy.h"
 #include "app/shell/SecretServiceSessionStore.h"
 #include "core/accounts/FileSessionStore.h"
 #include "core/accounts/InMemorySessionStore.h"
@@ -12,6 +13,8 @@
 #include "core/mock/MockRecordingAPI.h"
 #include "core/mock/MockRecordingStatusProvider.h"
 #include "core/mock/MockSignedURLProvider.h"
+#include "core/mock/MockTipsBackend.h"
+#include "core/mock/MockUpdateBackend.h"
 #include "core/mock/MockUploadHTTPClient.h"
 #include "core/recording/FileRecoveryStore.h"
 #include "core/support/AtomicFile.h"
@@ -21,6 +24,8 @@
 #include "core/transport/LiveSignedURLProvider.h"
 #include "core/transport/LiveUploadWorker.h"
 #include "core/workspace/LiveRecordingStatusProvider.h"
+#include "core/workspace/LiveTipsBackend.h"
+#include "core/workspace/StaticJSONUpdateBackend.h"
 
 #if KAVELO_HAVE_CAPTURE
 #include "app/capture/LinuxCapture.h"
@@ -146,6 +151,9 @@ AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
         buildLiveWorld(options);
     }
 
+    // 9-10. Updates, tips, flags and recent names, over the preferences.
+    buildWorkspaceServices(info, sink);
+
     // 11. The services of the road after the stop.
     mappingService = std::make_shared<SpeakerMappingService>(recordingAPI, clock, mappingConfig());
     finalizeService = std::make_shared<FinalizeService>(recordingAPI, clock, finalizeConfig(), logger);
@@ -163,7 +171,11 @@ AppEnvironment::AppEnvironment(Mode mode, Options options, InfoDictionary info)
     // 13. The coordinator.
     RecordingCoordinatorHooks hooks;
     std::weak_ptr<SessionManager> weakSessions = sessionManager;
-    hooks.isUpdateRequired = [] { return false; };
+    std::weak_ptr<UpdateService> weakUpdates = updateService;
+    hooks.isUpdateRequired = [weakUpdates] {
+        const auto updates = weakUpdates.lock();
+        return updates && updates->isUpdateRequired();
+    };
     hooks.currentProfileName = [weakSessions]() -> std::optional<std::string> {
         const auto sessions = weakSessions.lock();
         const auto session = sessions ? sessions->session() : std::nullopt;
@@ -258,7 +270,37 @@ void AppEnvironment::buildLiveWorld(const Options& options) {
     recorder = options.decorateRecorder ? options.decorateRecorder(native) : native;
 }
 
+void AppEnvironment::buildWorkspaceServices(const InfoDictionary& info, const LogSink& sink) {
+    std::weak_ptr<KeyValueStore> weakStore = keyValueStore;
+    auto language = [weakStore]() -> std::string {
+        const auto store = weakStore.lock();
+        return store ? store->string(std::string(KaveloCopy::kLanguageKey)).value_or("nl") : "nl";
+    };
+    std::shared_ptr<UpdateBackend> updates;
+    std::shared_ptr<TipsBackend> tips;
+    if (usesMockServices) {
+        updates = std::make_shared<MockUpdateBackend>(config.appVersion, language);
+        tips = std::make_shared<MockTipsBackend>(language);
+    } else {
+        updatePolicyUrl = EnvironmentSettings::updatePolicyUrl(info, config.supabaseUrl);
+        updates = std::make_shared<StaticJSONUpdateBackend>(updatePolicyUrl, http);
+        tips = std::make_shared<LiveTipsBackend>(functions);
+    }
+    updateService = std::make_shared<UpdateService>(updates, keyValueStore, config.appVersion, clock);
+    tipsService = std::make_shared<TipsService>(tips, keyValueStore);
+    tipsService->setOnEvent([sink](const std::string& message) { sink(LogLevel::info, "tips", message); });
+    featureFlagService = std::make_shared<FeatureFlagService>(nullptr, keyValueStore);
+    recentsStore = std::make_shared<RecentsStore>(keyValueStore);
+}
+
 void AppEnvironment::wireSession() {
+    // The cached tips belong to the account that fetched them.
+    std::weak_ptr<KeyValueStore> weakStore = keyValueStore;
+    sessionManager->onSignOut([weakStore] {
+        if (const auto store = weakStore.lock()) {
+            store->removeValue(TipsService::kCacheKey);
+        }
+    });
     const auto initial = sessionManager->session();
     auto box = std::make_shared<LastUserIdBox>(initial ? std::optional<std::string>(initial->user.id)
                                                        : std::nullopt);

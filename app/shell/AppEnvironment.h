@@ -25,6 +25,10 @@
 #include "core/transport/UploadWorker.h"
 #include "core/workspace/DashboardActivityCenter.h"
 #include "core/workspace/RecordingStatusProviding.h"
+#include "core/workspace/FeatureFlagService.h"
+#include "core/workspace/RecentsStore.h"
+#include "core/workspace/TipsService.h"
+#include "core/workspace/UpdateService.h"
 
 #include <functional>
 #include <memory>
@@ -99,6 +103,12 @@ class AppEnvironment {
     std::shared_ptr<DashboardActivityCenter> dashboardActivity;
     std::shared_ptr<RecordingStatusProviding> recordingStatusProvider;
     std::shared_ptr<MockBackend> mockBackend; // only with mock services
+    std::shared_ptr<UpdateService> updateService;
+    std::shared_ptr<TipsService> tipsService;
+    std::shared_ptr<FeatureFlagService> featureFlagService; // no backend: the flags stay as cached or default
+    std::shared_ptr<RecentsStore> recentsStore;
+    // Where the live world reads its update policy; empty in the mock world.
+    std::string updatePolicyUrl;
 
     // The values fixed for every world.
     static UploadWorker::Config uploadWorkerConfig();
@@ -113,6 +123,7 @@ class AppEnvironment {
     AppEnvironment(Mode mode, Options options, InfoDictionary info);
     void buildMockWorld(const Options& options);
     void buildLiveWorld(const Options& options);
+    void buildWorkspaceServices(const InfoDictionary& info, const LogSink& sink);
     void wireSession();
 
     std::shared_ptr<SessionStore> sessionStore_;

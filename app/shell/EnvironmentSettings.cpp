@@ -4,6 +4,8 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+
 #include <memory>
 
 namespace kavelo {
@@ -105,6 +107,26 @@ std::filesystem::path EnvironmentSettings::preferencesFile(AppEnvironmentMode mo
         base /= "Mock";
     }
     return base / "preferences.json";
+}
+
+std::string EnvironmentSettings::updatePolicyUrl(const InfoDictionary& info, const std::string& backendUrl) {
+    std::string base = backendUrl;
+    if (const auto feed = info.value("SUFeedURL");
+        feed && feed->find("://") != std::string::npos && hostOf(*feed)) {
+        base = feed->substr(0, feed->find_first_of("?#"));
+        const std::size_t pathStart = base.find('/', base.find("://") + 3);
+        if (pathStart != std::string::npos) {
+            // The feed's own file name goes; what stays is its folder.
+            while (base.size() > pathStart && base.back() == '/') {
+                base.pop_back();
+            }
+            base.erase(std::max(base.rfind('/'), pathStart));
+        }
+    }
+    while (!base.empty() && base.back() == '/') {
+        base.pop_back();
+    }
+    return base + "/" + kUpdatePolicyFile;
 }
 
 AppConfig EnvironmentSettings::makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,

@@ -37,6 +37,11 @@ class EnvironmentSettings {
     // "$XDG_CONFIG_HOME/Kavely/preferences.json" (~/.config when unset), under "Kavely/Mock" in mock mode.
     static std::filesystem::path preferencesFile(AppEnvironmentMode mode, const EnvironmentReader& env);
 
+    // Where the live world reads its update policy: "update-policy.json" beside the update feed named by
+    // SUFeedURL, or, when the info file names no usable feed, at the root of the backend's host.
+    static std::string updatePolicyUrl(const InfoDictionary& info, const std::string& backendUrl);
+    static constexpr const char* kUpdatePolicyFile = "update-policy.json";
+
     // Throws EnvironmentError in the live world without a usable backend (see liveBackend).
     static AppConfig makeConfig(AppEnvironmentMode mode, const InfoDictionary& info,
                                 const std::filesystem::path& dataDirectory);

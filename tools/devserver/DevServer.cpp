@@ -19,6 +19,7 @@
 #include "tools/devserver/RouteRunner.h"
 #include "tools/devserver/ShutdownSignal.h"
 #include "tools/devserver/UploadRoutes.h"
+#include "tools/devserver/WorkspaceContentRoutes.h"
 #include "tools/devserver/UploadSigner.h"
 
 #include <httplib.h>
@@ -93,6 +94,7 @@ DevServer::DevServer(DevServerOptions options, std::shared_ptr<Clock> clock)
     AuthRoutes::install(*server_, *context_);
     RestRoutes::install(*server_, *context_);
     AdminRoutes::install(*server_, *context_);
+    WorkspaceContentRoutes::install(*server_, *context_);
 }
 
 DevServer::~DevServer() {

@@ -133,6 +133,14 @@ DevServerOptions DevServerOptions::parse(const std::vector<std::string>& args) {
                 options.hostileRecordingId != "slash") {
                 throw std::invalid_argument("--hostile-recording-id is long, path or slash");
             }
+        } else if (arg == "--latest-version" || arg == "--minimum-version") {
+            std::string version = value();
+            if (version.empty() || version.size() > 32 ||
+                version.find_first_not_of("0123456789.") != std::string::npos) {
+                throw std::invalid_argument(arg + " needs a dotted version such as 1.4.0, not '" + version +
+                                            "'");
+            }
+            (arg == "--latest-version" ? options.latestVersion : options.minimumVersion) = version;
         } else if (arg == "--log-requests") {
             options.logRequests = true;
         } else {
@@ -186,6 +194,8 @@ Options:
                                  (two million entries)
   --hostile-recording-id MODE    init-recording gives an id no client should accept (start only): long
                                  (300 characters), path ("../../outside") or slash ("a/b")
+  --latest-version V             the latest version that /update-policy.json names (default 0.0.0)
+  --minimum-version V            the oldest supported version it names (default 0.0.0: nothing required)
   --log-requests                 one line per request on standard error
   -h, --help                     this text
 
@@ -197,7 +207,9 @@ ROUTE is * or one of:
            R"(
 Served routes:
   POST functions/v1/{generate-upload-urls, init-recording, list-recording-chunks, finalize-recording,
-                     early-speaker-mapping, oauth-prepare, oauth-mobile-exchange, confirm-account-link}
+                     early-speaker-mapping, oauth-prepare, oauth-mobile-exchange, confirm-account-link,
+                     get-tips}
+  GET  update-policy.json                                         (no authentication; versions from the options)
   PUT  storage/v1/object/upload/sign/<bucket>/<path>?token=...   (signed upload; x-upsert false: 409)
   POST storage/v1/object/<bucket>/<path>                          (apikey and bearer; x-upsert true overwrites)
   GET  rest/v1/{meetings, profiles}  PATCH rest/v1/profiles       (select, order, limit; filters eq, neq, gt,

@@ -40,6 +40,9 @@ struct DevServerOptions {
     // huge, negative, duplicate or flood, and for the ids that init-recording gives long, path or slash.
     std::string hostileChunkList;
     std::string hostileRecordingId;
+    // What /update-policy.json says; the defaults require nothing of any client.
+    std::string latestVersion = "0.0.0";
+    std::string minimumVersion = "0.0.0";
     bool showHelp = false;
 
     bool operator==(const DevServerOptions&) const = default;

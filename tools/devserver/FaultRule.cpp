@@ -79,7 +79,9 @@ const std::vector<std::string>& FaultRule::knownRoutes() {
                                                     "auth-token",
                                                     "auth-signup",
                                                     "auth-logout",
-                                                    "auth-user"};
+                                                    "auth-user",
+                                                    "get-tips",
+                                                    "update-policy"};
     return routes;
 }
 

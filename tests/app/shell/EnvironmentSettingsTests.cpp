@@ -92,6 +92,25 @@ TEST(EnvironmentSettings, ALiveWorldWithoutAUsableBackendRefusesToRunInsteadOfFa
               std::filesystem::path("/data/Kavely"));
 }
 
+TEST(EnvironmentSettings, TheUpdatePolicyLivesBesideTheFeedOrElseAtTheBackendsHost) {
+    const std::string backend = "https://api.example.org";
+    const auto policyFor = [&](const Json& object) {
+        return EnvironmentSettings::updatePolicyUrl(info(object), backend);
+    };
+    EXPECT_EQ(policyFor({{"SUFeedURL", "https://dl.example.org/linux/feed.xml?channel=beta"}}),
+              "https://dl.example.org/linux/update-policy.json");
+    EXPECT_EQ(policyFor({{"SUFeedURL", "https://dl.example.org/feed/"}}),
+              "https://dl.example.org/update-policy.json");
+    EXPECT_EQ(policyFor({{"SUFeedURL", "http://127.0.0.1:8080"}}),
+              "http://127.0.0.1:8080/update-policy.json");
+    // No feed, an unexpanded build variable, or a value without a scheme: the backend's host answers.
+    for (const Json& object :
+         {Json::object(), Json{{"SUFeedURL", "$(SU_FEED_URL)"}},
+          Json{{"SUFeedURL", "dl.example.org/feed.xml"}}, Json{{"SUFeedURL", "https://"}}}) {
+        EXPECT_EQ(policyFor(object), "https://api.example.org/update-policy.json") << object.dump();
+    }
+}
+
 TEST(EnvironmentSettings, InfoFileSwitchReplacesTheEmbeddedDictionaryAndABrokenOneIsNamedWithItsReason) {
     using Kind = EnvironmentError::Kind;
     const auto dir = std::filesystem::temp_directory_path() / ("kavely-info-" + std::to_string(::getpid()));

@@ -326,4 +326,32 @@ TEST_F(LiveCompositionTest, AHostileStandInNeitherHangsTheRoadNorReachesOutsideT
     }
 }
 
+TEST_F(LiveCompositionTest, AStandInThatRequiresANewerVersionBlocksTheStartAndTipsComeAndGoWithTheSession) {
+    server_.restart({"--meeting-row-delay", "0", "--user", "anna@example.test:geheim123", "--minimum-version",
+                     "99.0.0", "--latest-version", "99.1.0"});
+    const auto opts = options();
+    environment_ = std::make_unique<AppEnvironment>(AppEnvironment::detectMode(opts), opts);
+    AppEnvironment& env = *environment_;
+    EXPECT_EQ(env.updatePolicyUrl, server_.baseUrl() + "/update-policy.json")
+        << "no feed: the backend's host";
+
+    const AuthSession session = env.authService->signIn("anna@example.test", "geheim123");
+    env.sessionManager->install(session);
+    env.coordinator->sessionDidSignIn();
+    ASSERT_TRUE(env.tipsService->loadTips().has_value());
+    ASSERT_TRUE(env.tipsService->cachedResponse().has_value());
+
+    PreflightContext preflight;
+    preflight.user = session.user;
+    preflight.userName = "Anna";
+    preflight.microphoneDeviceId = env.recorder->listMicrophones().front().id;
+    env.coordinator->startRecording(preflight);
+    EXPECT_EQ(env.coordinator->phase(), RecordingPhase::updateRequired);
+    EXPECT_EQ(env.updateService->cachedStatus().kind(), UpdateStatus::Kind::updateRequired);
+    EXPECT_TRUE(env.chunkStore->storedRecordings().empty());
+
+    env.sessionManager->signOut();
+    EXPECT_FALSE(env.tipsService->cachedResponse().has_value()) << "another user must not see these tips";
+}
+
 } // namespace
