@@ -102,6 +102,9 @@ void AudioTestController::startMicrophone(const std::string& deviceId) {
     queue_.post([old, weak, engines = deps_.engines, post = deps_.postToMain, deviceId, generation,
                  handler]() mutable {
         old.reset(); // the device is free before the new stream asks for it
+        if (weak.expired()) {
+            return; // the controller is being destroyed: nobody would see this stream
+        }
         SharedStream stream;
         try {
             stream = engines->openMicrophone(deviceId, handler);
@@ -173,6 +176,9 @@ void AudioTestController::startSystemProbe(const ProbeSource& source) {
     auto handler = levelHandler(false, generation);
     std::weak_ptr<AudioTestController> weak = weak_from_this();
     queue_.post([weak, engines = deps_.engines, post = deps_.postToMain, source, generation, handler] {
+        if (weak.expired()) {
+            return;
+        }
         SharedStream stream;
         try {
             stream = engines->openSystemProbe(source.mode, source.sourceId, source.allowFallback, handler);
