@@ -198,6 +198,7 @@ void AudioTestController::probeOpened(std::uint64_t generation, SharedStream str
     {
         std::lock_guard lock(mutex_);
         if (generation != probeGeneration_) {
+            // Overtaken by a newer start or a stop, as for the microphone.
         } else if (stream == nullptr) {
             state_.systemProbeActive = false;
             probeSource_.reset();
