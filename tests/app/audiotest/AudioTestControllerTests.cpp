@@ -304,3 +304,16 @@ TEST_F(AudioTestControllerTest, OneToneAtATimeOnTheChosenOutput) {
     ASSERT_TRUE(main.runUntil([&] { return !controller->state().playingTestSound; }));
     EXPECT_EQ(engines->tones.size(), 2u) << "a tone may play again once the last one ended";
 }
+
+TEST_F(AudioTestControllerTest, DestroyingTheControllerClosesItsStreamsAndReleasesDetection) {
+    controller->start(request("mic", SystemAudioMode::system));
+    settle();
+    ASSERT_EQ(engines->liveMics(), 1);
+    ASSERT_EQ(engines->liveProbes(), 1);
+    controller.reset();
+    EXPECT_EQ(engines->liveMics(), 0);
+    EXPECT_EQ(engines->liveProbes(), 0);
+    EXPECT_EQ(clock->sleeperCount(), 0u);
+    EXPECT_EQ(detection, (std::vector<bool>{true, false}));
+    main.drain(); // levels and ticks still queued for the GUI thread find nobody
+}
