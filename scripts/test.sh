@@ -20,13 +20,13 @@ timings=()
 
 # The binaries whose tests run under ThreadSanitizer: coordinator, upload worker, capture engine and
 # recorder on fakes, serial executor, clocks and tasks, the mock recorder and road, the dashboard activity
-# list, and kavelo-cli.
+# list, the audio test's controller on fakes, and kavelo-cli.
 tsan_targets=(test_core_recording test_core_transport test_core_support test_core_mock test_core_road
-    test_core_workspace test_app_capture test_integration_cli)
+    test_core_workspace test_app_capture test_app_audiotest test_integration_cli)
 # Labels of those binaries' tests (kavelo-cli's are the only integration tests built in that tree), less
 # the capture tests that need a real audio server: its client libraries are not instrumented.
-tsan_labels='^(core/recording|core/transport|core/support|core/mock|core/road|core/workspace|app/capture|integration)$'
-tsan_exclude='^(PulseAudioPathTest|PipeWireAggregatePathTest|AudioDeviceListWatcherTest)\.'
+tsan_labels='^(core/recording|core/transport|core/support|core/mock|core/road|core/workspace|app/capture|app/audiotest|integration)$'
+tsan_exclude='^(PulseAudioPathTest|PipeWireAggregatePathTest|AudioDeviceListWatcherTest|AudioTestPulseTest|AudioTestPipeWireTest)\.'
 
 count_ctest() { # log
     # "100% tests passed, 0 tests failed out of 42"
