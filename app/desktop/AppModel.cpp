@@ -6,7 +6,12 @@
 #include "core/recording/PreflightContext.h"
 #include "core/recording/RecordingPhase.h"
 #include "core/recording/SystemAudioMode.h"
+#include "core/workspace/SemVer.h"
 
+#include <QDateTime>
+#include <algorithm>
+
+#include <QDesktopServices>
 #include <QMetaObject>
 #include <QPointer>
 
@@ -50,6 +55,13 @@ std::string_view blockerKey(StartBlocker::Kind kind) {
     return "record.blocker_backend";
 }
 
+QString isoText(TimePoint date) {
+    return QDateTime::fromMSecsSinceEpoch(
+               std::chrono::duration_cast<std::chrono::milliseconds>(date.time_since_epoch()).count(),
+               Qt::UTC)
+        .toString(Qt::ISODateWithMs);
+}
+
 template <class T> bool store(T& field, const T& value) {
     if (field == value) {
         return false;
@@ -67,6 +79,10 @@ AppModel::AppModel(AppEnvironment& env, Texts texts, QObject* parent)
     indicatorCollapse_.setSingleShot(true);
     indicatorCollapse_.setInterval(5000);
     connect(&indicatorCollapse_, &QTimer::timeout, this, [this] { setIndicatorCollapsed(true); });
+    activityPoll_.setSingleShot(true);
+    activityPoll_.setInterval(5000);
+    connect(&activityPoll_, &QTimer::timeout, this, &AppModel::pollActivity);
+    tipsEnabled_ = env_.tipsService->tipsEnabled();
     // Core services report on their own threads; only the main thread touches the model, so each report
     // becomes a queued call that finds the model gone if it went meanwhile.
     QPointer<AppModel> self(this);
@@ -140,6 +156,7 @@ void AppModel::runInBackground(std::function<void()> work) {
 
 void AppModel::applyCoordinatorState(bool withPhase) {
     auto& coordinator = *env_.coordinator;
+    bool enteredSuccess = false;
     if (withPhase) {
         const auto phase = qs(toRaw(coordinator.phase()));
         if (phase == QStringLiteral("idle") &&
@@ -151,9 +168,7 @@ void AppModel::applyCoordinatorState(bool withPhase) {
             emit phaseChanged();
             emit derivedChanged();
             notifyPhase(wasRecording);
-            if (phase_ == QStringLiteral("success")) {
-                enterSuccess();
-            }
+            enteredSuccess = phase_ == QStringLiteral("success");
         }
     }
     const auto warnings = coordinator.warnings();
@@ -240,6 +255,10 @@ void AppModel::applyCoordinatorState(bool withPhase) {
         emit speakerRevisionChanged();
     }
     updateLiveIndicator();
+    // After the summary above: the dashboard takes the meeting's name from it.
+    if (enteredSuccess) {
+        enterSuccess();
+    }
 }
 
 void AppModel::enterSuccess() {
@@ -252,6 +271,9 @@ void AppModel::enterSuccess() {
         if (store(successRecordingId_, qs(*recordingId))) {
             emit successRecordingIdChanged();
         }
+        const auto name = successSummary_.value(QStringLiteral("meetingName")).toString().toStdString();
+        setDashboardActivity(env_.dashboardActivity->queue(*id, *recordingId, std::nullopt, name));
+        ensureActivityPolling();
     }
 }
 
@@ -315,6 +337,7 @@ void AppModel::applySession() {
     runInBackground([this] { env_.coordinator->sessionDidSignOut(); });
     setOnboardingStep(QStringLiteral("welcome"));
     setMeetingName({});
+    activityPoll_.stop();
     if (!dashboardActivity_.isEmpty()) {
         dashboardActivity_.clear();
         emit dashboardActivityChanged();
@@ -349,6 +372,11 @@ void AppModel::postSignIn(const AuthSession& session) {
     // Runs on a worker: each step that the screens see is handed to the main thread.
     const std::string id = session.user.id;
     const bool otherUser = onboarding_.rememberUser(id);
+    if (otherUser) {
+        // Names and addresses another account used are not suggested to this one.
+        env_.recentsStore->clear();
+        env_.tipsService->setTipsEnabled(true);
+    }
     auto& recorder = *env_.recorder;
     const OnboardingFlow::AudioPermissions granted{recorder.checkMicrophonePermission(),
                                                    recorder.checkSystemAudioPermission(),
@@ -369,6 +397,8 @@ void AppModel::postSignIn(const AuthSession& session) {
         model.refreshDevices();
         model.initializeDashboardEducation();
         model.reloadDashboardActivity();
+        model.checkForUpdates();
+        model.loadTips();
     });
     const std::string userName = env_.usesMockServices ? "Demo Gebruiker" : session.user.email;
     // A recording an earlier run left behind (a crash, a shutdown mid-meeting) comes back for review.
@@ -411,9 +441,11 @@ void AppModel::setMeetingName(const QString& name) {
 }
 
 void AppModel::setTipsEnabled(bool enabled) {
+    env_.tipsService->setTipsEnabled(enabled);
     if (tipsEnabled_ != enabled) {
         tipsEnabled_ = enabled;
         emit tipsEnabledChanged();
+        loadTips();
     }
 }
 
@@ -616,13 +648,187 @@ void AppModel::refreshDevices() {
             Qt::QueuedConnection);
     });
 }
-void AppModel::reloadDashboardActivity() {}
-void AppModel::loadTips() {}
-void AppModel::dismissTip(const QString&) {}
-void AppModel::markReleaseNotesSeen() {}
-void AppModel::openUpdateDownload() {}
+void AppModel::setDashboardActivity(const std::vector<DashboardActivityItem>& items) {
+    QVariantList list;
+    for (const auto& item : items) {
+        list.append(QVariantMap{
+            {QStringLiteral("id"), qs(item.id)},
+            {QStringLiteral("recordingId"), qs(item.recordingId)},
+            {QStringLiteral("meetingName"), qs(item.meetingName)},
+            {QStringLiteral("phase"), qs(toRaw(item.phase))},
+            {QStringLiteral("submittedAt"), isoText(item.submittedAt)},
+            {QStringLiteral("deliveredAt"), item.deliveredAt ? isoText(*item.deliveredAt) : QString()},
+            {QStringLiteral("recipientCount"), item.recipientCount.value_or(-1)},
+            {QStringLiteral("slow"), item.slow}});
+    }
+    if (store(dashboardActivity_, list)) {
+        emit dashboardActivityChanged();
+    }
+}
+
+void AppModel::reloadDashboardActivity() {
+    const auto id = userId();
+    if (!id) {
+        return;
+    }
+    setDashboardActivity(env_.dashboardActivity->items(*id));
+    refreshDashboardEducation();
+    ensureActivityPolling();
+}
+
+void AppModel::ensureActivityPolling() {
+    const bool pending =
+        std::any_of(dashboardActivity_.cbegin(), dashboardActivity_.cend(), [](const QVariant& item) {
+            return item.toMap().value(QStringLiteral("phase")).toString() != QStringLiteral("delivered");
+        });
+    if (pending && !activityPollRunning_ && !activityPoll_.isActive()) {
+        pollActivity();
+    }
+}
+
+void AppModel::pollActivity() {
+    const auto id = userId();
+    if (!id || activityPollRunning_) {
+        return;
+    }
+    activityPollRunning_ = true;
+    runInBackground([this, id = *id] {
+        auto items = env_.dashboardActivity->refresh(id, *env_.recordingStatusProvider);
+        onMain([items = std::move(items), id](AppModel& model) {
+            model.activityPollRunning_ = false;
+            // A sign-out or another account while the backend was asked: the answer is not theirs.
+            if (model.userId() != id) {
+                return;
+            }
+            model.setDashboardActivity(items);
+            model.refreshDashboardEducation();
+            const bool pending =
+                std::any_of(items.begin(), items.end(), [](const DashboardActivityItem& item) {
+                    return item.phase != DashboardActivityPhase::delivered;
+                });
+            if (pending) {
+                model.activityPoll_.start();
+            }
+        });
+    });
+}
+
+void AppModel::setTips(const std::vector<DashboardTip>& tips) {
+    QVariantList list;
+    for (const auto& tip : tips) {
+        list.append(QVariantMap{{QStringLiteral("id"), qs(tip.id)}, {QStringLiteral("body"), qs(tip.body)}});
+    }
+    if (store(tips_, list)) {
+        emit tipsChanged();
+    }
+}
+
+bool AppModel::loadCachedTips() {
+    if (!tipsEnabled_) {
+        setTips({});
+        return true;
+    }
+    const auto cached = env_.tipsService->cachedResponse();
+    if (!cached) {
+        return false;
+    }
+    setTips(env_.tipsService->visibleTips(cached->tips));
+    return true;
+}
+
+void AppModel::loadTips() {
+    if (!tipsEnabled_) {
+        setTips({});
+        return;
+    }
+    loadCachedTips();
+    runInBackground([this] {
+        const auto response = env_.tipsService->loadTips();
+        if (!response) {
+            return;
+        }
+        auto tips = env_.tipsService->visibleTips(response->tips);
+        onMain([tips = std::move(tips)](AppModel& model) {
+            if (model.tipsEnabled_ && model.isSignedIn_) {
+                model.setTips(tips);
+            }
+        });
+    });
+}
+
+void AppModel::checkForUpdates() {
+    runInBackground([this] {
+        const auto status = env_.updateService->checkForUpdates();
+        QVariantMap map;
+        switch (status.kind()) {
+        case UpdateStatus::Kind::updateAvailable:
+            map[QStringLiteral("state")] = QStringLiteral("available");
+            break;
+        case UpdateStatus::Kind::updateRequired:
+            map[QStringLiteral("state")] = QStringLiteral("required");
+            break;
+        case UpdateStatus::Kind::upToDate:
+            map[QStringLiteral("state")] = QStringLiteral("upToDate");
+            break;
+        case UpdateStatus::Kind::unknown:
+            map[QStringLiteral("state")] = QStringLiteral("unknown");
+            break;
+        }
+        if (const auto& policy = status.policy()) {
+            map[QStringLiteral("version")] = qs(policy->latestVersion);
+            map[QStringLiteral("downloadUrl")] = qs(policy->downloadURL.value_or(""));
+            // The note of the newest release tells the user what the update brings.
+            const auto notes = env_.updateService->releaseNotes();
+            const ReleaseNote* newest = nullptr;
+            for (const auto& note : notes) {
+                if (!newest || SemVer::compare(note.version, newest->version) > 0) {
+                    newest = &note;
+                }
+            }
+            if (newest) {
+                map[QStringLiteral("notes")] =
+                    qs(newest->title.empty() ? newest->body : newest->title + "\n" + newest->body);
+            }
+        }
+        QVariantList unseen;
+        for (const auto& note : env_.updateService->unseenReleaseNotes()) {
+            unseen.append(QVariantMap{{QStringLiteral("version"), qs(note.version)},
+                                      {QStringLiteral("title"), qs(note.title)},
+                                      {QStringLiteral("body"), qs(note.body)}});
+        }
+        onMain([map = std::move(map), unseen = std::move(unseen)](AppModel& model) {
+            if (store(model.updateStatus_, map)) {
+                emit model.updateStatusChanged();
+            }
+            if (store(model.unseenNotes_, unseen)) {
+                emit model.unseenNotesChanged();
+            }
+        });
+    });
+}
+
+void AppModel::markReleaseNotesSeen() {
+    env_.updateService->markReleaseNotesSeen();
+    if (!unseenNotes_.isEmpty()) {
+        unseenNotes_.clear();
+        emit unseenNotesChanged();
+    }
+}
+
+void AppModel::openUpdateDownload() {
+    const QUrl url(updateStatus_.value(QStringLiteral("downloadUrl")).toString());
+    // Only a web address goes to the browser; the update host's text is not trusted to name anything else.
+    if (url.isValid() &&
+        (url.scheme() == QStringLiteral("https") || url.scheme() == QStringLiteral("http"))) {
+        QDesktopServices::openUrl(url);
+    }
+}
+
 void AppModel::onAppForeground() {
     checkSessionHealth();
+    if (isSignedIn_) {
+        checkForUpdates();
+    }
 }
 
 void AppModel::checkSessionHealth() {

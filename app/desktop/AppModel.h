@@ -11,6 +11,8 @@
 #include "app/shell/SessionHealthCheck.h"
 #include "core/accounts/AuthSession.h"
 #include "core/support/Task.h"
+#include "core/workspace/DashboardActivityItem.h"
+#include "core/workspace/DashboardTip.h"
 
 #include <QTimer>
 
@@ -63,14 +65,16 @@ class AppModel : public QObject {
     Q_PROPERTY(QString systemAudioPermission READ systemAudioPermission NOTIFY permissionsChanged)
     Q_PROPERTY(QString audioCapturePermission READ audioCapturePermission NOTIFY permissionsChanged)
     Q_PROPERTY(QString meetingName READ meetingName WRITE setMeetingName NOTIFY meetingNameChanged)
-    // {state: "unknown"|"upToDate"|"available"|"required", version, downloadUrl, notes}.
+    // {state: "unknown"|"upToDate"|"available"|"required", version, downloadUrl, notes (the latest
+    // release's note, if the update host gives one)}.
     Q_PROPERTY(QVariantMap updateStatus READ updateStatus NOTIFY updateStatusChanged)
     // Lists of {version, title, body}.
     Q_PROPERTY(QVariantList unseenNotes READ unseenNotes NOTIFY unseenNotesChanged)
-    // Lists of {id, title, body, url}.
+    // Lists of {id, body}: the window of tips the service chose for this run.
     Q_PROPERTY(QVariantList tips READ tips NOTIFY tipsChanged)
     Q_PROPERTY(bool tipsEnabled READ tipsEnabled WRITE setTipsEnabled NOTIFY tipsEnabledChanged)
-    // Lists of {recordingId, meetingName, phase, createdAt (ISO 8601), updatedAt}.
+    // Lists of {id, recordingId, meetingName, phase, submittedAt, deliveredAt (ISO 8601 or empty),
+    // recipientCount (-1 when unknown), slow}, newest first.
     Q_PROPERTY(QVariantList dashboardActivity READ dashboardActivity NOTIFY dashboardActivityChanged)
     Q_PROPERTY(
         bool educationFirstRecordingPending READ educationFirstRecordingPending NOTIFY educationChanged)
@@ -173,7 +177,8 @@ class AppModel : public QObject {
     Q_INVOKABLE void refreshDevices();
     Q_INVOKABLE void reloadDashboardActivity();
     Q_INVOKABLE void loadTips();
-    Q_INVOKABLE void dismissTip(const QString& tipId);
+    // Shows the cached tips at once; false when tips are on and nothing is cached yet.
+    bool loadCachedTips();
     Q_INVOKABLE void markReleaseNotesSeen();
     // Opens the release's download address in the browser: the desktop's package manager or the user
     // installs it; the program never replaces itself.
@@ -257,6 +262,13 @@ class AppModel : public QObject {
     void enterSuccess();
     void updateLiveIndicator();
     void updateUserMetadata(const char* key, const QString& value);
+    // While a submitted recording is not delivered, its status is asked every few seconds.
+    void ensureActivityPolling();
+    void pollActivity();
+    void setDashboardActivity(const std::vector<DashboardActivityItem>& items);
+    void setTips(const std::vector<DashboardTip>& tips);
+    // Reads the update verdict and the notes off the main thread; the model takes them on it.
+    void checkForUpdates();
     std::optional<std::string> userId() const;
     OnboardingFlow::AudioPermissions permissions() const;
 
@@ -309,6 +321,8 @@ class AppModel : public QObject {
     DashboardPreferences dashboardPreferences_;
     SessionHealthCheck sessionHealth_;
     QTimer indicatorCollapse_;
+    QTimer activityPoll_;
+    bool activityPollRunning_ = false;
 };
 
 } // namespace kavelo

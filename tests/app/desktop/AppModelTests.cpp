@@ -75,6 +75,14 @@ TEST_F(AppModelTest, TheDemoAccountRecordsToSuccessAndASignOutForgetsTheAccount)
     ASSERT_TRUE(eventually([&] { return model.educationFirstRecordingPending(); }));
     EXPECT_EQ(model.onboardingStep(), QStringLiteral("welcome"));
     EXPECT_FALSE(model.hasRecordedBefore());
+    // The mock world's update host and tips answer after the sign-in.
+    ASSERT_TRUE(eventually([&] { return !model.tips().isEmpty(); }));
+    ASSERT_TRUE(
+        eventually([&] { return model.updateStatus().value("state") == QStringLiteral("upToDate"); }));
+    model.setTipsEnabled(false);
+    EXPECT_TRUE(model.tips().isEmpty());
+    model.setTipsEnabled(true);
+    EXPECT_FALSE(model.tips().isEmpty()) << "the cached tips come back at once";
     // The program reads its texts from the tables it carries, in the chosen language.
     auto& copy = shell_->copy();
     copy.setLanguage(QStringLiteral("en"));
@@ -113,6 +121,14 @@ TEST_F(AppModelTest, TheDemoAccountRecordsToSuccessAndASignOutForgetsTheAccount)
     EXPECT_EQ(model.successSummary().value("meetingName").toString(), QStringLiteral("Weekstart"));
     EXPECT_EQ(model.successRecordingId().toStdString(), coordinator.currentRecordingId().value_or("?"));
     EXPECT_TRUE(model.hasRecordedBefore());
+    // The submitted recording is on the dashboard, and the poll follows it.
+    ASSERT_EQ(model.dashboardActivity().size(), 1);
+    const auto item = model.dashboardActivity().front().toMap();
+    EXPECT_EQ(item.value("recordingId").toString(), model.successRecordingId());
+    EXPECT_EQ(item.value("meetingName").toString(), QStringLiteral("Weekstart"));
+    EXPECT_TRUE(eventually([&] {
+        return model.dashboardActivity().front().toMap().value("phase") == QStringLiteral("transcribing");
+    }));
 
     // Signing out forgets what belonged to the account, and the next account starts clean.
     model.signOut();
@@ -120,6 +136,8 @@ TEST_F(AppModelTest, TheDemoAccountRecordsToSuccessAndASignOutForgetsTheAccount)
     EXPECT_TRUE(model.profile().isEmpty());
     EXPECT_TRUE(model.successRecordingId().isEmpty());
     EXPECT_TRUE(model.meetingName().isEmpty());
+    EXPECT_TRUE(model.dashboardActivity().isEmpty());
+    EXPECT_TRUE(model.tips().isEmpty());
     QString refused;
     QObject::connect(&model, &AppModel::signInFailed, [&](const QString& kind) { refused = kind; });
     model.signInWithPassword(QString::fromStdString(shell_->environment().demoEmail), QStringLiteral("fout"));
