@@ -1,5 +1,6 @@
 #include "app/desktop/AppModel.h"
 
+#include "app/desktop/AudioLevels.h"
 #include "app/shell/AppEnvironment.h"
 #include "app/shell/DeviceSelection.h"
 #include "core/accounts/AuthError.h"
@@ -545,7 +546,15 @@ void AppModel::startRecording() {
         context.outputDeviceId = selectedOutputId_.toStdString();
     }
     context.outputLanguage = env_.keyValueStore->string("kavelo_output_language").value_or("nl");
-    runInBackground([this, context] {
+    if (levels_) {
+        levels_->resetRecording();
+        levels_->stopTest();
+    }
+    // The meters outlive the model, whose tasks end in its destructor.
+    runInBackground([this, context, levels = levels_] {
+        if (levels) {
+            levels->waitUntilTestIdle();
+        }
         auto& coordinator = *env_.coordinator;
         coordinator.startRecording(context);
         const auto phase = coordinator.phase();

@@ -27,6 +27,7 @@
 namespace kavelo {
 
 class AppEnvironment;
+class AudioLevels;
 
 // The one observable object the screens read: a main-thread copy of the coordinator's state, the session,
 // the device lists, dashboard activity, tips and updates. Screens bind to its properties and call its
@@ -110,6 +111,8 @@ class AppModel : public QObject {
 
     AppModel(AppEnvironment& env, Texts texts, QObject* parent = nullptr);
     ~AppModel() override;
+    // The meters: reset at each start, and their audio test closed before the recorder opens the devices.
+    void setAudioLevels(AudioLevels* levels) { levels_ = levels; }
 
     bool isSignedIn() const { return isSignedIn_; }
     QString onboardingStep() const { return onboardingStep_; }
@@ -322,6 +325,7 @@ class AppModel : public QObject {
     SessionHealthCheck sessionHealth_;
     QTimer indicatorCollapse_;
     QTimer activityPoll_;
+    AudioLevels* levels_ = nullptr;
     bool activityPollRunning_ = false;
 };
 

@@ -1,12 +1,17 @@
 #include "app/desktop/DesktopShell.h"
 
+#include "app/audiotest/MockAudioTestEngines.h"
 #include "app/desktop/AppModel.h"
+#include "app/desktop/AudioLevels.h"
 #include "app/desktop/CopyObject.h"
+#include "app/desktop/LevelTapRecorder.h"
 #include "app/desktop/NetworkReachability.h"
 #include "app/desktop/SettingsModel.h"
 #include "app/desktop/SleepWatcher.h"
 #ifdef KAVELO_HAVE_CAPTURE
+#include "app/audiotest/LinuxAudioTestEngines.h"
 #include "app/capture/AudioDeviceListWatcher.h"
+#include "app/capture/LinuxCaptureBackend.h"
 #endif
 
 #include <QFile>
@@ -16,8 +21,31 @@
 
 namespace kavelo {
 
+struct DesktopShell::LevelSlot {
+    std::mutex mutex;
+    AudioLevels* target = nullptr; // guarded by mutex
+};
+
+AppEnvironment::Options DesktopShell::withLevelTap(AppEnvironment::Options options,
+                                                   std::shared_ptr<LevelSlot> slot) {
+    auto decorate = std::move(options.decorateRecorder);
+    options.decorateRecorder =
+        [decorate, slot](std::shared_ptr<NativeRecorder> inner) -> std::shared_ptr<NativeRecorder> {
+        auto tapped =
+            std::make_shared<LevelTapRecorder>(std::move(inner), [slot](double microphone, double system) {
+                std::lock_guard lock(slot->mutex);
+                if (slot->target) {
+                    slot->target->recorderLevel(microphone, system);
+                }
+            });
+        return decorate ? decorate(tapped) : tapped;
+    };
+    return options;
+}
+
 DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options options, QObject* parent)
-    : QObject(parent), env_(std::make_unique<AppEnvironment>(mode, std::move(options))),
+    : QObject(parent), levelSlot_(std::make_shared<LevelSlot>()),
+      env_(std::make_unique<AppEnvironment>(mode, withLevelTap(std::move(options), levelSlot_))),
       engine_(std::make_unique<QQmlApplicationEngine>()) {
 
     texts_ = std::make_unique<KaveloCopy>(
@@ -32,6 +60,21 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
                             [texts = texts_.get()] { return texts->language(); },
                             [texts = texts_.get()](const std::string& code) { texts->setLanguage(code); }},
                            this);
+    std::shared_ptr<AudioTestEngines> testEngines;
+#ifdef KAVELO_HAVE_CAPTURE
+    if (env_->recorderKind == "linux") {
+        testEngines = std::make_shared<LinuxAudioTestEngines>(
+            std::make_shared<LinuxCaptureBackend>(env_->clock), processEnvironment());
+    }
+#endif
+    if (!testEngines) {
+        testEngines = std::make_shared<MockAudioTestEngines>(env_->clock);
+    }
+    levels_ = new AudioLevels(testEngines, env_->clock, this);
+    {
+        std::lock_guard lock(levelSlot_->mutex);
+        levelSlot_->target = levels_;
+    }
     model_ = new AppModel(
         *env_, [texts = texts_.get()](std::string_view key) { return texts->text(key); }, this);
     // Only the real program registers itself to open at login; the practice world leaves the desktop alone.
@@ -70,7 +113,9 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
     }
 #endif
     auto* context = engine_->rootContext();
+    model_->setAudioLevels(levels_);
     context->setContextProperty(QStringLiteral("settings"), settings_);
+    context->setContextProperty(QStringLiteral("levels"), levels_);
     context->setContextProperty(QStringLiteral("app"), model_);
     context->setContextProperty(QStringLiteral("copy"), copy_);
     // Setting the context property again, to the same object, re-evaluates every binding that reads a
@@ -89,6 +134,12 @@ DesktopShell::~DesktopShell() {
     // The model's background work uses the environment: it ends before the environment goes.
     delete model_;
     model_ = nullptr;
+    {
+        std::lock_guard lock(levelSlot_->mutex);
+        levelSlot_->target = nullptr;
+    }
+    delete levels_;
+    levels_ = nullptr;
 }
 
 bool DesktopShell::load(const QString& screenFile) {

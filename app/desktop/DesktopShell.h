@@ -7,6 +7,7 @@
 #include <QUrl>
 
 #include <memory>
+#include <mutex>
 
 class QQmlApplicationEngine;
 
@@ -14,6 +15,7 @@ namespace kavelo {
 
 class AppModel;
 class AudioDeviceListWatcher;
+class AudioLevels;
 class CopyObject;
 class SettingsModel;
 
@@ -28,6 +30,7 @@ class DesktopShell : public QObject {
 
     AppEnvironment& environment() { return *env_; }
     AppModel& model() { return *model_; }
+    AudioLevels& levels() { return *levels_; }
     CopyObject& copy() { return *copy_; }
     QQmlApplicationEngine& engine() { return *engine_; }
 
@@ -35,12 +38,20 @@ class DesktopShell : public QObject {
     bool load(const QString& screenFile);
 
   private:
+    struct LevelSlot;
+    // The recorder's level reports reach the meters through the slot, filled once the meters exist.
+    static AppEnvironment::Options withLevelTap(AppEnvironment::Options options,
+                                                std::shared_ptr<LevelSlot> slot);
+
+    std::shared_ptr<LevelSlot> levelSlot_;
     std::unique_ptr<AppEnvironment> env_;
     std::unique_ptr<KaveloCopy> texts_;
     std::unique_ptr<QQmlApplicationEngine> engine_;
     AppModel* model_ = nullptr; // owned by this QObject
     CopyObject* copy_ = nullptr;
     SettingsModel* settings_ = nullptr;
+    AudioLevels* levels_ = nullptr;
+
     std::shared_ptr<AudioDeviceListWatcher> deviceWatcher_; // only where real devices are listed
 };
 

@@ -275,6 +275,24 @@ Item {
                         color: Theme.text
                         Accessible.name: copy.format("dashboard.elapsed_accessible", { time: text })
                     }
+                    // What the recording hears, so a silent microphone is noticed during the meeting, not after.
+                    ColumnLayout {
+                        objectName: "recordingLevels"
+                        Layout.fillWidth: true
+                        visible: screen.capturing
+                        spacing: Theme.space2
+                        LevelMeter {
+                            Layout.fillWidth: true
+                            label: copy.text("dashboard.levels_microphone")
+                            level: levels.micLevel
+                        }
+                        LevelMeter {
+                            Layout.fillWidth: true
+                            visible: app.systemAudioMode !== "off"
+                            label: copy.text("dashboard.levels_system")
+                            level: levels.systemLevel
+                        }
+                    }
                     Text {
                         Layout.fillWidth: true
                         visible: app.meetingName.length > 0

@@ -15,6 +15,28 @@ Item {
     function label(key) { return copy.text(key) }
 
     readonly property var mutedApps: pref("mutedApps", [])
+
+    // The audio test runs only while the user looks at it, and never beside a recording.
+    property bool testing: false
+    function startTest() {
+        testing = true
+        levels.startTest(app.selectedMicrophoneId, app.systemAudioMode, app.selectedSystemSourceId,
+                         app.selectedOutputId, true)
+    }
+    function stopTest() {
+        testing = false
+        levels.stopTest()
+    }
+    onVisibleChanged: if (!visible && testing) stopTest()
+    Connections {
+        target: app
+        function onPhaseChanged() { if (screen.testing && app.phase !== "idle") screen.stopTest() }
+        // A new choice is tested at once.
+        function onSelectedMicrophoneIdChanged() { if (screen.testing) screen.startTest() }
+        function onSystemAudioModeChanged() { if (screen.testing) screen.startTest() }
+        function onSelectedSystemSourceIdChanged() { if (screen.testing) screen.startTest() }
+    }
+    Component.onDestruction: if (testing) levels.stopTest()
     // Each language is named in itself, so a user who cannot read the current one still finds their own.
     readonly property var languages: [{ value: "nl", label: copy.text("settings.language_nl") },
                                       { value: "en", label: copy.text("settings.language_en") }]
@@ -142,6 +164,47 @@ Item {
                         Accessible.name: copy.text("settings.system_source")
                         onChosen: id => app.selectedSystemSourceId = id
                     }
+                }
+                Divider {}
+                SettingRow {
+                    title: copy.text("settings.audio_test")
+                    description: copy.text("settings.audio_test_hint")
+                    RowLayout {
+                        spacing: Theme.space2
+                        AppButton {
+                            objectName: "audioTestButton"
+                            enabled: app.phase === "idle" || app.phase === "signed_out"
+                            text: copy.text(screen.testing ? "settings.audio_test_stop" : "settings.audio_test_start")
+                            onClicked: screen.testing ? screen.stopTest() : screen.startTest()
+                        }
+                        AppButton {
+                            objectName: "testToneButton"
+                            visible: screen.testing
+                            enabled: !levels.playingTestSound
+                            text: copy.text("settings.audio_test_tone")
+                            onClicked: levels.playTestTone()
+                        }
+                    }
+                }
+                ColumnLayout {
+                    objectName: "audioTestMeters"
+                    visible: screen.testing
+                    width: parent.width
+                    spacing: Theme.space2
+                    LevelMeter {
+                        Layout.fillWidth: true
+                        label: copy.text("settings.meter_microphone")
+                        level: levels.testMicLevel
+                        active: levels.testMicActive
+                    }
+                    LevelMeter {
+                        Layout.fillWidth: true
+                        visible: app.systemAudioMode !== "off"
+                        label: copy.text("settings.meter_system")
+                        level: levels.testSystemLevel
+                        active: levels.testSystemActive
+                    }
+                    Item { Layout.preferredHeight: Theme.space2 }
                 }
                 Divider {}
                 SettingRow {
