@@ -1,44 +1,32 @@
+#include "TestDisplay.h"
 #include "app/detection/EwmhWindowReader.h"
-#include "helpers/ChildProcess.h"
 
 #include <gtest/gtest.h>
-
-#include <filesystem>
 
 using namespace kavelo;
 using namespace std::chrono_literals;
 
 namespace {
 
-// A bare X server of the test's own; the test programs' windows play the window manager's part.
 class EwmhWindowReaderTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!std::filesystem::exists("/usr/bin/Xvfb")) {
+        if (!kavelo::testing::TestDisplay::available()) {
             GTEST_SKIP() << "Xvfb is not installed (scripts/install-deps.sh installs it)";
         }
-        // -displayfd picks a free display and writes its number: no clash with other tests running.
-        server = std::make_unique<ChildProcess>(
-            "/usr/bin/Xvfb",
-            std::vector<std::string>{"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "320x240x24"});
-        auto number = server->readLine(20s);
-        ASSERT_TRUE(number) << server->errorOutput();
-        display = ":" + *number;
-        reader = EwmhWindowReader::connect(display);
+        display = std::make_unique<kavelo::testing::TestDisplay>();
+        ASSERT_FALSE(display->name().empty()) << display->error();
+        reader = EwmhWindowReader::connect(display->name());
         ASSERT_NE(reader, nullptr);
     }
 
-    // Starts the test window program; answers its process id.
-    pid_t windows(std::unique_ptr<ChildProcess>& program, std::vector<std::string> args) {
-        program = std::make_unique<ChildProcess>(KAVELO_TEST_WINDOW, args,
-                                                 std::map<std::string, std::string>{{"DISPLAY", display}});
-        auto line = program->readLine(10s);
-        EXPECT_TRUE(line && line->starts_with("pid ")) << program->errorOutput();
-        return line && line->starts_with("pid ") ? std::stoi(line->substr(4)) : -1;
+    pid_t windows(std::unique_ptr<ChildProcess>& program, const std::vector<std::string>& args) {
+        auto pid = display->windows(program, args);
+        EXPECT_GT(pid, 0) << program->errorOutput();
+        return pid;
     }
 
-    std::unique_ptr<ChildProcess> server;
-    std::string display;
+    std::unique_ptr<kavelo::testing::TestDisplay> display;
     std::unique_ptr<EwmhWindowReader> reader;
 };
 
@@ -66,10 +54,10 @@ TEST_F(EwmhWindowReaderTest, GoneServerReadsAsNothing) {
     auto pid = windows(zoom, {"zoom", "--active", "Zoom Meeting"});
     ASSERT_TRUE(reader->activeWindow().has_value());
     zoom.reset();
-    server.reset(); // kills Xvfb
+    display->kill();
     EXPECT_FALSE(reader->activeWindow().has_value());
     EXPECT_TRUE(reader->titlesOf(pid).empty());
-    EXPECT_EQ(EwmhWindowReader::connect(display), nullptr);
+    EXPECT_EQ(EwmhWindowReader::connect(display->name()), nullptr);
 }
 
 } // namespace
