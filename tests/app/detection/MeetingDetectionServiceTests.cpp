@@ -88,6 +88,15 @@ TEST_F(MeetingDetectionServiceTest, ConfirmationChecksMicrophoneAndFrontAgain) {
     scheduler->advance(2);
     EXPECT_TRUE(prompts.empty());
     EXPECT_TRUE(logged("geen frontmost meeting-app meer na bevestiging"));
+
+    // Next session: the microphone is released without its notice reaching us; the confirmation reads it.
+    readings->setMicrophoneInUse(false);
+    inFront(zoom);
+    readings->setMicrophoneInUse(true);
+    readings->setMicrophoneInUse(false, false);
+    scheduler->advance(2);
+    EXPECT_TRUE(prompts.empty());
+    EXPECT_TRUE(logged("mic niet meer in gebruik na bevestigingsvenster"));
 }
 
 TEST_F(MeetingDetectionServiceTest, MeetingAppBehindGetsNoEdgePromptButTheScanCatchesItInFront) {
