@@ -144,10 +144,15 @@ bool CaptureStreamMonitor::start(std::function<void(const std::vector<Owner>&)> 
             return false;
         }
     }
-    std::lock_guard lock(mutex_);
-    onChange_ = std::move(onChange);
-    current_ = select(reading->streams, reading->monitorSources, getpid());
-    connection_ = std::shared_ptr<PulseConnection>(std::move(connection));
+    {
+        std::lock_guard lock(mutex_);
+        onChange_ = std::move(onChange);
+        current_ = select(reading->streams, reading->monitorSources, getpid());
+        connection_ = std::shared_ptr<PulseConnection>(std::move(connection));
+    }
+    // A stream that came or went between the first read and the subscription sent its event to nobody:
+    // read once more (a reading equal to the first reports nothing).
+    notify();
     return true;
 }
 

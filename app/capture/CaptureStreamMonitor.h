@@ -52,7 +52,8 @@ class CaptureStreamMonitor : public std::enable_shared_from_this<CaptureStreamMo
     CaptureStreamMonitor(const CaptureStreamMonitor&) = delete;
     CaptureStreamMonitor& operator=(const CaptureStreamMonitor&) = delete;
 
-    // Reads the current streams, then listens. False when no audio server answers.
+    // Reads the current streams (current() answers them; onChange reports only later changes), then
+    // listens. False when no audio server answers.
     bool start(std::function<void(const std::vector<Owner>&)> onChange);
     void stop();
     [[nodiscard]] std::vector<Owner> current() const;
