@@ -98,12 +98,6 @@ std::shared_ptr<CaptureStreamMonitor> CaptureStreamMonitor::make() {
 
 CaptureStreamMonitor::~CaptureStreamMonitor() {
     stop();
-    Task reader;
-    {
-        std::lock_guard lock(mutex_);
-        reader = std::exchange(reader_, {});
-    }
-    reader.cancelAndJoin();
 }
 
 std::vector<CaptureStreamMonitor::Owner>
@@ -167,8 +161,15 @@ void CaptureStreamMonitor::stop() {
         PulseConnection::Lock lock(*connection);
         pa_context_set_subscribe_callback(connection->context(), nullptr, nullptr);
     }
-    // The connection ends here, outside mutex_, or with a read in progress, which then finds connection_
-    // changed and reports nothing.
+    // No event can start a read now; wait for one in progress, so that no onChange comes after stop().
+    // From inside onChange (the reader's own thread) the join returns at once.
+    Task reader;
+    {
+        std::lock_guard lock(mutex_);
+        reader = std::exchange(reader_, {});
+    }
+    reader.cancelAndJoin();
+    // The connection ends here, outside mutex_.
 }
 
 std::vector<CaptureStreamMonitor::Owner> CaptureStreamMonitor::current() const {
@@ -177,19 +178,19 @@ std::vector<CaptureStreamMonitor::Owner> CaptureStreamMonitor::current() const {
 }
 
 void CaptureStreamMonitor::notify() {
-    std::weak_ptr<CaptureStreamMonitor> weak = weak_from_this();
     std::lock_guard lock(mutex_);
     // One reader at a time; events during a read make it read once more, so a burst costs two reads.
+    if (!connection_) {
+        return; // not started yet (start reads once more when done) or stopped
+    }
     dirty_ = true;
     if (reading_) {
         return;
     }
     reading_ = true;
-    reader_ = Task::run([weak] {
-        if (auto self = weak.lock()) {
-            self->readLoop();
-        }
-    });
+    // The reader holds no reference: stop(), which the destructor calls, waits for it, so the monitor
+    // outlives it, and dropping the last reference always ends the reports.
+    reader_ = Task::run([this] { readLoop(); });
 }
 
 void CaptureStreamMonitor::readLoop() {

@@ -21,8 +21,9 @@ class PulseConnection;
 // Kavely program.
 //
 // onChange gets the new list after each change, on a task thread of the monitor; a caller with a GUI moves
-// it to its own thread. stop() ends the listening; destruction stops and waits for a read in progress.
-class CaptureStreamMonitor : public std::enable_shared_from_this<CaptureStreamMonitor> {
+// it to its own thread. stop() (and destruction) ends the listening and waits for a read in progress: no
+// onChange comes after it returns.
+class CaptureStreamMonitor {
   public:
     struct Owner {
         std::uint32_t stream = 0; // the server's index of the recording stream

@@ -85,11 +85,12 @@ class CaptureStreamMonitorTest : public ::testing::Test {
     }
 
     static inline PrivateAudioDaemon* daemon = nullptr;
-    std::shared_ptr<CaptureStreamMonitor> monitor;
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<CaptureStreamMonitor::Owner> latest; // guarded by mutex
     int changes = 0;                                 // guarded by mutex
+    // Last, so that it goes first: its reports use the members above.
+    std::shared_ptr<CaptureStreamMonitor> monitor;
 };
 
 TEST_F(CaptureStreamMonitorTest, SeesAMeetingApplicationRecordingTheMicrophoneAndNotMonitorsOrMeters) {
