@@ -46,17 +46,15 @@ TEST(CaptureStreamMonitorSelectTest, KeepsOnlyOtherProgramsRecordingFromRealSour
     EXPECT_EQ(owners[1].stream, 7u);
 }
 
-// Against a private PulseAudio server, with recorders in processes of their own.
-class CaptureStreamMonitorTest : public ::testing::Test {
+// Against a private audio server (PulseAudio, or PipeWire with its PulseAudio-protocol server), with
+// recorders in processes of their own.
+class CaptureStreamMonitorTest : public ::testing::TestWithParam<std::string> {
   protected:
-    static void SetUpTestSuite() { daemon = PrivateAudioDaemon::startPulseAudio().release(); }
-    static void TearDownTestSuite() {
-        delete daemon;
-        daemon = nullptr;
-    }
     void SetUp() override {
+        daemon = GetParam() == "pipewire" ? PrivateAudioDaemon::startPipeWire()
+                                          : PrivateAudioDaemon::startPulseAudio();
         if (daemon == nullptr) {
-            GTEST_SKIP() << "pulseaudio is not installed (scripts/install-deps.sh installs it)";
+            GTEST_SKIP() << GetParam() << " is not installed (scripts/install-deps.sh installs it)";
         }
         monitor = CaptureStreamMonitor::make();
         ASSERT_TRUE(monitor->start([this](const std::vector<CaptureStreamMonitor::Owner>& owners) {
@@ -84,7 +82,7 @@ class CaptureStreamMonitorTest : public ::testing::Test {
             std::map<std::string, std::string>{{"PULSE_PROP", properties}});
     }
 
-    static inline PrivateAudioDaemon* daemon = nullptr;
+    std::unique_ptr<PrivateAudioDaemon> daemon;
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<CaptureStreamMonitor::Owner> latest; // guarded by mutex
@@ -93,7 +91,7 @@ class CaptureStreamMonitorTest : public ::testing::Test {
     std::shared_ptr<CaptureStreamMonitor> monitor;
 };
 
-TEST_F(CaptureStreamMonitorTest, SeesAMeetingApplicationRecordingTheMicrophoneAndNotMonitorsOrMeters) {
+TEST_P(CaptureStreamMonitorTest, SeesAMeetingApplicationRecordingTheMicrophoneAndNotMonitorsOrMeters) {
     EXPECT_TRUE(monitor->current().empty());
 
     // A screen recorder on the system audio's monitor and a mixer's level meter on the microphone come
@@ -119,7 +117,7 @@ TEST_F(CaptureStreamMonitorTest, SeesAMeetingApplicationRecordingTheMicrophoneAn
     EXPECT_TRUE(monitor->current().empty());
 }
 
-TEST_F(CaptureStreamMonitorTest, StopEndsTheReports) {
+TEST_P(CaptureStreamMonitorTest, StopEndsTheReports) {
     monitor->stop();
     int changesAtStop = 0;
     {
@@ -145,5 +143,8 @@ TEST_F(CaptureStreamMonitorTest, StopEndsTheReports) {
     std::lock_guard lock(mutex);
     EXPECT_EQ(changes, changesAtStop);
 }
+
+INSTANTIATE_TEST_SUITE_P(Servers, CaptureStreamMonitorTest, ::testing::Values("pulseaudio", "pipewire"),
+                         [](const auto& info) { return info.param; });
 
 } // namespace
