@@ -51,14 +51,23 @@ bool DetectionPreferences::isMuted(const std::string& name) const {
 
 void DetectionPreferences::mute(const std::string& name) {
     auto names = mutedApps();
-    if (std::find(names.begin(), names.end(), name) == names.end()) {
-        names.push_back(name);
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+        return;
     }
-    std::string joined;
-    for (const auto& n : names) {
-        joined += joined.empty() ? n : ", " + n;
+    names.push_back(name);
+    // Within the bounds the list is read back with, or the name just muted would be cut off again: the
+    // oldest names give way.
+    auto joined = [&names] {
+        std::string text;
+        for (const auto& n : names) {
+            text += text.empty() ? n : ", " + n;
+        }
+        return text;
+    };
+    while (names.size() > 1 && (names.size() > maxMutedNames || joined().size() > maxStoredLength)) {
+        names.erase(names.begin());
     }
-    store_->setString(joined, mutedKey);
+    store_->setString(joined(), mutedKey);
 }
 
 } // namespace kavelo

@@ -102,6 +102,11 @@ TEST(DetectionPreferencesTest, StoredListIsBounded) {
     DetectionPreferences preferences(store);
     EXPECT_EQ(preferences.mutedApps().size(), DetectionPreferences::maxMutedNames);
     EXPECT_FALSE(preferences.isMuted("app4999"));
+    // Muting on a full list keeps the new name; the oldest gives way.
+    preferences.mute("Zoom");
+    EXPECT_TRUE(preferences.isMuted("Zoom"));
+    EXPECT_FALSE(preferences.isMuted("app0"));
+    EXPECT_EQ(preferences.mutedApps().size(), DetectionPreferences::maxMutedNames);
 }
 
 } // namespace
