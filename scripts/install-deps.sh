@@ -9,7 +9,7 @@ packages=(
     libgtest-dev libgmock-dev googletest
     libavcodec-dev libavutil-dev ffmpeg
     libswresample-dev libpulse-dev libpipewire-0.3-dev pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber sox espeak-ng dbus
-    libsecret-1-dev gnome-keyring dbus-x11 libsecret-tools libglib2.0-bin
+    libsecret-1-dev gnome-keyring dbus-x11 libsecret-tools libglib2.0-bin libxcb1-dev
     qt6-base-dev qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtquick-templates
     qml6-module-qtqml-workerscript libgl-dev xvfb xdotool xauth
