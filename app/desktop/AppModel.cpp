@@ -1,6 +1,7 @@
 #include "app/desktop/AppModel.h"
 
 #include "app/desktop/AudioLevels.h"
+#include "app/desktop/MeetingDetection.h"
 #include "app/shell/AppEnvironment.h"
 #include "app/shell/DeviceSelection.h"
 #include "core/accounts/AuthError.h"
@@ -268,6 +269,9 @@ void AppModel::enterSuccess() {
         return;
     }
     dashboardPreferences_.markRecorded(*id);
+    if (detection_) {
+        detection_->forgetPrompts();
+    }
     if (const auto recordingId = env_.coordinator->currentRecordingId()) {
         if (store(successRecordingId_, qs(*recordingId))) {
             emit successRecordingIdChanged();
@@ -329,11 +333,17 @@ void AppModel::applySession() {
         }
         if (!wasSignedIn) {
             runInBackground([this, signedIn = *session] { postSignIn(signedIn); });
+            if (detection_) {
+                detection_->start();
+            }
         }
         return;
     }
     if (!wasSignedIn) {
         return;
+    }
+    if (detection_) {
+        detection_->stop();
     }
     runInBackground([this] { env_.coordinator->sessionDidSignOut(); });
     setOnboardingStep(QStringLiteral("welcome"));
@@ -951,7 +961,50 @@ int AppModel::nextTipCursor() {
     return dashboardPreferences_.nextTipCursor();
 }
 
+void AppModel::onMeetingDetected(const QString& appName) {
+    if (phase_ != QStringLiteral("idle") || !isSignedIn_) {
+        return;
+    }
+    if (store(detectedMeetingApp_, appName)) {
+        emit detectedMeetingAppChanged();
+    }
+    auto text = [this](std::string_view key) { return qs(texts_(key)); };
+    QString title = text("desktop.meeting_prompt_title");
+    title.replace(QStringLiteral("{{app}}"), appName);
+    emit meetingPromptWanted(title, text("desktop.meeting_prompt_body"),
+                             text("desktop.meeting_prompt_record"), text("desktop.meeting_prompt_ignore"),
+                             text("desktop.meeting_prompt_mute"));
+}
+
+void AppModel::recordDetectedMeeting() {
+    if (store(detectedMeetingApp_, QString())) {
+        emit detectedMeetingAppChanged();
+    }
+    startRecording();
+}
+
+void AppModel::dismissDetectedMeeting() {
+    if (store(detectedMeetingApp_, QString())) {
+        emit detectedMeetingAppChanged();
+    }
+}
+
+void AppModel::muteDetectedMeeting() {
+    if (detection_ && !detectedMeetingApp_.isEmpty()) {
+        detection_->mute(detectedMeetingApp_);
+    }
+    dismissDetectedMeeting();
+}
+
 void AppModel::updateLiveIndicator() {
+    if (detection_) {
+        detection_->setRecordingActive(phase_ != QStringLiteral("idle") &&
+                                       phase_ != QStringLiteral("signed_out"));
+    }
+    // A meeting offer is moot once anything is going on.
+    if (phase_ != QStringLiteral("idle") && !detectedMeetingApp_.isEmpty()) {
+        dismissDetectedMeeting();
+    }
     static const QStringList indicatorPhases{QStringLiteral("recording"),
                                              QStringLiteral("recording_device_warning"),
                                              QStringLiteral("recording_no_audio_warning"),

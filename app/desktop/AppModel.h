@@ -28,6 +28,7 @@ namespace kavelo {
 
 class AppEnvironment;
 class AudioLevels;
+class MeetingDetection;
 
 // The one observable object the screens read: a main-thread copy of the coordinator's state, the session,
 // the device lists, dashboard activity, tips and updates. Screens bind to its properties and call its
@@ -113,6 +114,8 @@ class AppModel : public QObject {
     ~AppModel() override;
     // The meters: reset at each start, and their audio test closed before the recorder opens the devices.
     void setAudioLevels(AudioLevels* levels) { levels_ = levels; }
+    // Runs while someone is signed in and no recording runs.
+    void setMeetingDetection(MeetingDetection* detection) { detection_ = detection; }
 
     bool isSignedIn() const { return isSignedIn_; }
     QString onboardingStep() const { return onboardingStep_; }
@@ -201,6 +204,12 @@ class AppModel : public QObject {
     Q_INVOKABLE bool hasRecordedBefore() const;
     // The tip the dashboard shows when it appears; moves on by one each time.
     Q_INVOKABLE int nextTipCursor();
+    // The answers to the offer to record a meeting that was noticed.
+    Q_INVOKABLE void recordDetectedMeeting();
+    Q_INVOKABLE void dismissDetectedMeeting();
+    Q_INVOKABLE void muteDetectedMeeting();
+    // A meeting application is in a call: offer to record it, unless something is already going on.
+    void onMeetingDetected(const QString& appName);
 
   signals:
     void isSignedInChanged();
@@ -242,6 +251,10 @@ class AppModel : public QObject {
     // A password sign-in was refused; kind is the error's raw kind ("invalidCredentials", "network", ...),
     // which the sign-in screen words.
     void signInFailed(const QString& kind);
+    // The offer to record a meeting: title and body in the user's language, and the labels of its three
+    // answers.
+    void meetingPromptWanted(const QString& title, const QString& body, const QString& recordLabel,
+                             const QString& ignoreLabel, const QString& muteLabel);
     // A notification to show: title, body and the label of its action that opens the window.
     void notificationWanted(const QString& title, const QString& body, const QString& openLabel);
 
@@ -326,6 +339,7 @@ class AppModel : public QObject {
     QTimer indicatorCollapse_;
     QTimer activityPoll_;
     AudioLevels* levels_ = nullptr;
+    MeetingDetection* detection_ = nullptr;
     bool activityPollRunning_ = false;
 };
 

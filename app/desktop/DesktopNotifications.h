@@ -16,15 +16,24 @@ class DesktopNotifications : public QObject {
 
     // `openLabel` is the text of the action that opens Kavely.
     void post(const QString& title, const QString& body, const QString& openLabel);
+    // The offer to record a meeting, with its three answers as actions; a later offer replaces it.
+    void postMeetingPrompt(const QString& title, const QString& body, const QString& recordLabel,
+                           const QString& ignoreLabel, const QString& muteLabel);
 
   signals:
     void openRequested();
+    // "record", "ignore" or "mute", for the meeting offer shown last.
+    void meetingAnswered(const QString& answer);
 
   private slots:
     void onActionInvoked(uint id, const QString& action);
 
   private:
+    void send(const QString& title, const QString& body, const QStringList& actions, uint replaces,
+              bool meetingPrompt);
+
     bool unavailableReported_ = false;
+    uint meetingPromptId_ = 0;
 };
 
 } // namespace kavelo

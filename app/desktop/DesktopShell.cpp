@@ -5,6 +5,7 @@
 #include "app/desktop/AudioLevels.h"
 #include "app/desktop/CopyObject.h"
 #include "app/desktop/LevelTapRecorder.h"
+#include "app/desktop/MeetingDetection.h"
 #include "app/desktop/NetworkReachability.h"
 #include "app/desktop/SettingsModel.h"
 #include "app/desktop/SleepWatcher.h"
@@ -91,17 +92,32 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
     model_->setOnline(network->online());
     connect(network, &NetworkReachability::onlineChanged, model_, &AppModel::setOnline);
     connect(new SleepWatcher(this), &SleepWatcher::woke, model_, &AppModel::checkSessionHealth);
+    auto* context = engine_->rootContext();
+    model_->setAudioLevels(levels_);
+    detection_ = new MeetingDetection(*env_, this);
+    model_->setMeetingDetection(detection_);
+    connect(detection_, &MeetingDetection::meetingDetected, model_, &AppModel::onMeetingDetected);
+    // The audio test's own microphone stream is not a call.
+    connect(levels_, &AudioLevels::testChanged, detection_,
+            [this] { detection_->setAudioTestActive(levels_->testMicActive()); });
+    if (model_->isSignedIn()) {
+        detection_->start();
+    }
 #ifdef KAVELO_HAVE_CAPTURE
     // A headset plugged in or a default changed: the lists follow without a restart.
     if (env_->recorderKind == "linux") {
         deviceWatcher_ = AudioDeviceListWatcher::make(env_->clock);
         QPointer<AppModel> model(model_);
-        const bool heard = deviceWatcher_->start([model] {
+        QPointer<MeetingDetection> detection(detection_);
+        const bool heard = deviceWatcher_->start([model, detection] {
             QMetaObject::invokeMethod(
                 model,
-                [model] {
+                [model, detection] {
                     if (model) {
                         model->refreshDevices();
+                    }
+                    if (detection) {
+                        detection->deviceListChanged();
                     }
                 },
                 Qt::QueuedConnection);
@@ -112,8 +128,6 @@ DesktopShell::DesktopShell(AppEnvironment::Mode mode, AppEnvironment::Options op
         }
     }
 #endif
-    auto* context = engine_->rootContext();
-    model_->setAudioLevels(levels_);
     context->setContextProperty(QStringLiteral("settings"), settings_);
     context->setContextProperty(QStringLiteral("levels"), levels_);
     context->setContextProperty(QStringLiteral("app"), model_);
@@ -134,6 +148,8 @@ DesktopShell::~DesktopShell() {
     // The model's background work uses the environment: it ends before the environment goes.
     delete model_;
     model_ = nullptr;
+    delete detection_;
+    detection_ = nullptr;
     {
         std::lock_guard lock(levelSlot_->mutex);
         levelSlot_->target = nullptr;

@@ -16,6 +16,7 @@ namespace kavelo {
 class AppModel;
 class AudioDeviceListWatcher;
 class AudioLevels;
+class MeetingDetection;
 class CopyObject;
 class SettingsModel;
 
@@ -51,6 +52,7 @@ class DesktopShell : public QObject {
     CopyObject* copy_ = nullptr;
     SettingsModel* settings_ = nullptr;
     AudioLevels* levels_ = nullptr;
+    MeetingDetection* detection_ = nullptr;
 
     std::shared_ptr<AudioDeviceListWatcher> deviceWatcher_; // only where real devices are listed
 };

@@ -159,6 +159,18 @@ int main(int argc, char** argv) {
         kavelo::DesktopNotifications notifications;
         QObject::connect(&model, &kavelo::AppModel::notificationWanted, &notifications,
                          &kavelo::DesktopNotifications::post);
+        QObject::connect(&model, &kavelo::AppModel::meetingPromptWanted, &notifications,
+                         &kavelo::DesktopNotifications::postMeetingPrompt);
+        QObject::connect(&notifications, &kavelo::DesktopNotifications::meetingAnswered, &model,
+                         [&model](const QString& answer) {
+                             if (answer == QStringLiteral("record")) {
+                                 model.recordDetectedMeeting();
+                             } else if (answer == QStringLiteral("mute")) {
+                                 model.muteDetectedMeeting();
+                             } else {
+                                 model.dismissDetectedMeeting();
+                             }
+                         });
         QObject::connect(&notifications, &kavelo::DesktopNotifications::openRequested, &shell,
                          [&engine] { raise(engine); });
         if (qEnvironmentVariableIntValue("KAVELO_REPORT_FIRST_FRAME") == 1) {

@@ -90,6 +90,18 @@ TEST_F(AppModelTest, TheDemoAccountRecordsToSuccessAndASignOutForgetsTheAccount)
     copy.setLanguage(QStringLiteral("nl"));
     EXPECT_EQ(copy.text(QStringLiteral("desktop.notify_action_open")), QStringLiteral("Kavely openen"));
 
+    // A meeting noticed while idle is offered once, in the user's language; during a recording it is not.
+    QStringList offers;
+    QObject::connect(&model, &AppModel::meetingPromptWanted,
+                     [&](const QString& title, const QString&, const QString&, const QString&,
+                         const QString&) { offers << title; });
+    model.onMeetingDetected(QStringLiteral("Gesprekken"));
+    ASSERT_EQ(offers.size(), 1);
+    EXPECT_TRUE(offers.front().contains(QStringLiteral("Gesprekken"))) << offers.front().toStdString();
+    EXPECT_EQ(model.detectedMeetingApp(), QStringLiteral("Gesprekken"));
+    model.dismissDetectedMeeting();
+    EXPECT_TRUE(model.detectedMeetingApp().isEmpty());
+
     model.setMeetingName(QStringLiteral("Weekstart"));
     model.startRecording();
     ASSERT_TRUE(eventually([&] { return model.phase() == QStringLiteral("recording"); }))
@@ -98,6 +110,8 @@ TEST_F(AppModelTest, TheDemoAccountRecordsToSuccessAndASignOutForgetsTheAccount)
     EXPECT_FALSE(model.canStartFromUI());
     EXPECT_TRUE(model.indicatorVisible());
     EXPECT_FALSE(model.indicatorCollapsed());
+    model.onMeetingDetected(QStringLiteral("Gesprekken"));
+    EXPECT_EQ(offers.size(), 1);
     ASSERT_TRUE(eventually([&] { return model.elapsedSeconds() >= 1; }));
 
     model.pauseRecording();
