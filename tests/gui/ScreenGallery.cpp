@@ -8,11 +8,13 @@
 
 #include "app/desktop/AppModel.h"
 #include "app/desktop/AppModelPreview.h"
+#include "app/desktop/AudioLevels.h"
 #include "app/desktop/CopyObject.h"
 #include "app/desktop/DesktopShell.h"
 
 #include <QColor>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QImage>
 #include <QKeyEvent>
@@ -385,6 +387,42 @@ int main(int argc, char** argv) {
         shell.model().setRequestedSection(QStringLiteral("home"));
         settle();
         failures += checkKeyboard(window);
+    }
+    {
+        // The audio test, on the mock world's meters: the button starts it, the meters move within a moment,
+        // and leaving the settings stops it.
+        shell.model().setRequestedSection(QStringLiteral("settings"));
+        window->resize(1440, 900);
+        settle();
+        auto* button = window->findChild<QQuickItem*>(QStringLiteral("audioTestButton"));
+        if (!button || !QMetaObject::invokeMethod(button, "clicked")) {
+            std::fprintf(stderr, "gallery: no audio test button to press\n");
+            ++failures;
+        } else {
+            QElapsedTimer waited;
+            waited.start();
+            while (shell.levels().testMicLevel() <= 0 && waited.elapsed() < 5000) {
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+            }
+            if (shell.levels().testMicLevel() <= 0) {
+                std::fprintf(stderr, "gallery: the audio test shows no microphone level\n");
+                ++failures;
+            }
+            scrollTo(window, QString());
+            settle();
+            window->grabWindow().save(out.filePath(QStringLiteral("settings-audiotest-en-dark-large.png")));
+            ++written;
+            shell.model().setRequestedSection(QStringLiteral("home"));
+            settle();
+            waited.restart();
+            while (shell.levels().testMicActive() && waited.elapsed() < 5000) {
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+            }
+            if (shell.levels().testMicActive()) {
+                std::fprintf(stderr, "gallery: the audio test goes on after the settings are left\n");
+                ++failures;
+            }
+        }
     }
     {
         QMutexLocker lock(&warningsLock);
