@@ -21,6 +21,19 @@ Item {
     readonly property bool loading: !app.isSignedIn && !app.sessionExpired
     readonly property string updateState: app.updateStatus.state !== undefined ? app.updateStatus.state : "unknown"
     property string lastError: ""
+    // The device test runs only while asked for and while nothing records.
+    property bool testing: false
+    function startTest() {
+        testing = true
+        levels.startTest(app.selectedMicrophoneId, app.systemAudioMode, app.selectedSystemSourceId,
+                         app.selectedOutputId, false)
+    }
+    function stopTest() {
+        testing = false
+        levels.stopTest()
+    }
+    onVisibleChanged: if (!visible && testing) stopTest()
+    onPhaseChanged: if (testing && phase !== "idle") stopTest()
     property bool tipsJustHidden: false
     // One step through the tips each time the dashboard appears, so a returning user sees another one.
     readonly property int tipCursor: app.nextTipCursor()
@@ -209,12 +222,42 @@ Item {
                             color: Theme.textMuted
                         }
                         AppButton {
+                            objectName: "testDevicesButton"
+                            kind: "quiet"
+                            implicitHeight: Theme.controlHeight - Theme.space2
+                            font.pixelSize: Theme.fontCaption
+                            enabled: app.phase === "idle"
+                            text: copy.text(screen.testing ? "dashboard.devices_test_stop" : "dashboard.devices_test")
+                            onClicked: screen.testing ? screen.stopTest() : screen.startTest()
+                        }
+                        AppButton {
                             objectName: "changeDevicesButton"
                             kind: "quiet"
                             implicitHeight: Theme.controlHeight - Theme.space2
                             font.pixelSize: Theme.fontCaption
                             text: copy.text("dashboard.devices_change")
                             onClicked: screen.openSettings()
+                        }
+                    }
+                    // The chosen devices, live, before the meeting depends on them. The dashboard never falls back
+                    // to a second kind of stream for the system sound: what it shows is what a recording takes.
+                    ColumnLayout {
+                        objectName: "testLevels"
+                        Layout.fillWidth: true
+                        visible: screen.testing
+                        spacing: Theme.space2
+                        LevelMeter {
+                            Layout.fillWidth: true
+                            label: copy.text("dashboard.levels_microphone")
+                            level: levels.testMicLevel
+                            active: levels.testMicActive
+                        }
+                        LevelMeter {
+                            Layout.fillWidth: true
+                            visible: app.systemAudioMode !== "off"
+                            label: copy.text("dashboard.levels_system")
+                            level: levels.testSystemLevel
+                            active: levels.testSystemActive
                         }
                     }
                     RowLayout {

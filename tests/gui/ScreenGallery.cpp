@@ -214,10 +214,10 @@ int checkKeyboard(QQuickWindow* window) {
     };
     window->requestActivate();
     settle();
-    expectReached(tabChain(window),
-                  {QStringLiteral("sidebarHome"), QStringLiteral("sidebarSettings"),
-                   QStringLiteral("meetingNameField"), QStringLiteral("changeDevicesButton"),
-                   QStringLiteral("startButton"), QStringLiteral("dismissTipButton")});
+    expectReached(tabChain(window), {QStringLiteral("sidebarHome"), QStringLiteral("sidebarSettings"),
+                                     QStringLiteral("meetingNameField"), QStringLiteral("testDevicesButton"),
+                                     QStringLiteral("changeDevicesButton"), QStringLiteral("startButton"),
+                                     QStringLiteral("dismissTipButton")});
     press(window, Qt::Key_Comma, Qt::ControlModifier);
     if (window->property("section").toString() != QStringLiteral("settings")) {
         std::fprintf(stderr, "gallery: Ctrl+, does not open the settings\n");
