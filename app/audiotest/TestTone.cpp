@@ -26,11 +26,11 @@ std::vector<float> TestTone::render(unsigned rate, double length) {
 }
 
 void TestTone::play(const std::string& outputId) {
-    const pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, sampleRate, 1};
+    const pa_sample_spec format{PA_SAMPLE_FLOAT32NE, sampleRate, 1};
     int error = 0;
     std::unique_ptr<pa_simple, decltype(&pa_simple_free)> stream(
         pa_simple_new(nullptr, "Kavely", PA_STREAM_PLAYBACK, outputId.empty() ? nullptr : outputId.c_str(),
-                      "Testtoon", &spec, nullptr, nullptr, &error),
+                      "Testtoon", &format, nullptr, nullptr, &error),
         &pa_simple_free);
     if (!stream) {
         throw std::runtime_error(std::string("test tone: ") + pa_strerror(error));

@@ -1,6 +1,7 @@
 #include "core/backend/SupabaseFunctionClient.h"
 
 #include "core/backend/HostedAnswer.h"
+#include "core/backend/SendForAPI.h"
 #include "core/backend/SupabaseErrorText.h"
 #include "core/support/CancellationToken.h"
 
@@ -115,25 +116,7 @@ HTTPResponse SupabaseFunctionClient::sendOnce(const std::string& name, const Hea
     request.headers = headers;
     request.body = body;
     request.timeout = timeout;
-    try {
-        return http_->send(request);
-    } catch (const APIError&) {
-        throw;
-    } catch (const CancellationError&) {
-        throw APIError::cancelled();
-    } catch (const TransportError& e) {
-        switch (e.kind()) {
-        case TransportError::Kind::timeout:
-            throw APIError::timeout();
-        case TransportError::Kind::cancelled:
-            throw APIError::cancelled();
-        case TransportError::Kind::other:
-            break;
-        }
-        throw APIError::network(e.what());
-    } catch (const std::exception& e) {
-        throw APIError::network(e.what());
-    }
+    return sendForAPI(*http_, request);
 }
 
 void SupabaseFunctionClient::fail(const std::string& name, const HTTPResponse& response) const {

@@ -1,6 +1,7 @@
 #include "core/workspace/StaticJSONUpdateBackend.h"
 
 #include "core/backend/APIError.h"
+#include "core/backend/SendForAPI.h"
 #include "core/support/CancellationToken.h"
 #include "core/support/CoreJSON.h"
 
@@ -29,26 +30,7 @@ UpdateDocument StaticJSONUpdateBackend::fetchPayload() {
     request.method = "GET";
     request.timeout = kTimeoutSeconds;
     request.maxResponseBytes = UpdateDocument::kMaxBytes;
-    HTTPResponse response;
-    try {
-        response = http_->send(request);
-    } catch (const APIError&) {
-        throw;
-    } catch (const CancellationError&) {
-        throw APIError::cancelled();
-    } catch (const TransportError& e) {
-        switch (e.kind()) {
-        case TransportError::Kind::timeout:
-            throw APIError::timeout();
-        case TransportError::Kind::cancelled:
-            throw APIError::cancelled();
-        case TransportError::Kind::other:
-            break;
-        }
-        throw APIError::network(e.what());
-    } catch (const std::exception& e) {
-        throw APIError::network(e.what());
-    }
+    const HTTPResponse response = sendForAPI(*http_, request);
     if (!response.isSuccess()) {
         throw APIError::http(response.statusCode);
     }

@@ -35,8 +35,8 @@ void onStreamState(pa_stream* stream, void*) {
 void onContextState(pa_context* context, void*) {
     switch (pa_context_get_state(context)) {
     case PA_CONTEXT_READY: {
-        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, 25, 1};
-        auto* stream = pa_stream_new(context, "Peak detect", &spec, nullptr);
+        pa_sample_spec format{PA_SAMPLE_FLOAT32LE, 25, 1};
+        auto* stream = pa_stream_new(context, "Peak detect", &format, nullptr);
         pa_stream_set_state_callback(stream, onStreamState, nullptr);
         pa_stream_set_read_callback(stream, onRead, nullptr);
         pa_buffer_attr attr{};
